@@ -1,0 +1,36 @@
+// Process-wide start-up and clean-up, run by the shared library's load and
+// unload hooks: the log writer first, then the rest; the reverse at unload.
+// Linux needs no sockets start-up, and the library leaves the application's
+// signal dispositions alone.
+#include "tavix/core/library.h"
+
+#include "tavix/core/trace_log.h"
+
+namespace TAVIX {
+namespace {
+
+[[gnu::constructor]] void OnLibraryLoad() {
+  TraceLog::CreateGlobal();
+  tavixTrace("DLL_PROCESS_ATTACH\n");
+  TavixInit();
+}
+
+[[gnu::destructor]] void OnLibraryUnload() {
+  tavixTrace("DLL_PROCESS_DETACH\n");
+  TavixUninit();
+  TraceLog::DestroyGlobal();
+}
+
+}  // namespace
+
+bool TavixInit() {
+  tavixTrace("TavixInit.\n");
+  return true;
+}
+
+bool TavixUninit() {
+  tavixTrace("TavixUninit.\n");
+  return true;
+}
+
+}  // namespace TAVIX

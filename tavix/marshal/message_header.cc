@@ -1,0 +1,78 @@
+#include "tavix/marshal/message_header.h"
+
+#include <cstring>
+
+#include "tavix/core/errors.h"
+
+namespace TAVIX {
+namespace {
+
+constexpr std::array<uint8_t, 4> kMagic = {'X', 'G', 'R', 'Q'};
+constexpr std::array<uint8_t, 4> kVersion = {1, 2, 1, 1};
+constexpr size_t kCrcOffset = 18;
+
+// Four reflected shift steps with 0xA001 applied to each nibble value.
+constexpr uint16_t kNibbleTable[16] = {0x0000, 0xCC01, 0xD801, 0x1400, 0xF001, 0x3C00, 0x2800, 0xE401,
+                                       0xA001, 0x6C00, 0x7800, 0xB401, 0x5000, 0x9C01, 0x8801, 0x4400};
+
+void PutLe32(uint8_t* out, uint32_t v) {
+  for (int i = 0; i < 4; ++i) out[i] = static_cast<uint8_t>(v >> (8 * i));
+}
+
+uint32_t GetLe32(const uint8_t* in) {
+  return static_cast<uint32_t>(in[0]) | static_cast<uint32_t>(in[1]) << 8 |
+         static_cast<uint32_t>(in[2]) << 16 | static_cast<uint32_t>(in[3]) << 24;
+}
+
+}  // namespace
+
+uint16_t Crc16(const uint8_t* data, uint16_t length) {
+  uint16_t crc = 0xFFFF;
+  for (uint16_t i = 0; i < length; ++i) {
+    const uint8_t b = data[i];
+    crc = static_cast<uint16_t>((crc >> 4) ^ kNibbleTable[(crc ^ b) & 0xF]);
+    crc = static_cast<uint16_t>((crc >> 4) ^ kNibbleTable[(crc ^ (b >> 4)) & 0xF]);
+  }
+  return crc;
+}
+
+void MsgHeaderData::Init(uint8_t messageType) {
+  magic = kMagic;
+  version = kVersion;
+  type = messageType;
+  reserved = 0;
+  size = HEADER_SIZE;
+  crcOk = true;
+}
+
+void MsgHeaderData::Encode(uint8_t* out) const {
+  std::memcpy(out, magic.data(), 4);
+  std::memcpy(out + 4, version.data(), 4);
+  out[8] = type;
+  out[9] = reserved;
+  PutLe32(out + 10, static_cast<uint32_t>(size));
+  PutLe32(out + 14, 0);
+  const uint16_t crc = Crc16(out, kCrcOffset);
+  out[18] = static_cast<uint8_t>(crc);
+  out[19] = static_cast<uint8_t>(crc >> 8);
+}
+
+void MsgHeaderData::Decode(const uint8_t* in) {
+  std::memcpy(magic.data(), in, 4);
+  std::memcpy(version.data(), in + 4, 4);
+  type = in[8];
+  reserved = in[9];
+  size = static_cast<int32_t>(GetLe32(in + 10));
+  const uint16_t received = static_cast<uint16_t>(in[18] | in[19] << 8);
+  crcOk = Crc16(in, kCrcOffset) == received;
+}
+
+uint32_t MsgHeaderData::Check() const {
+  if (magic != kMagic) return Err::BadMagic;
+  if (version != kVersion) return Err::BadVersion;
+  if (!crcOk) return Err::CrcError;
+  if (size < HEADER_SIZE || size > MAX_MESSAGE_SIZE) return Err::IllegalSize;
+  return 0;
+}
+
+}  // namespace TAVIX
