@@ -72,15 +72,19 @@ size_t DecodeUtf8(std::string_view text, size_t& pos, std::array<char16_t, 2>& u
   } else if ((lead & 0xF8) == 0xF0) {
     length = 4, cp = lead & 0x07, minimum = 0x10000;
   }
-  bool valid = length != 0 && pos + length <= text.size();
-  for (size_t k = 1; valid && k < length; ++k) {
-    valid = (byte(pos + k) & 0xC0) == 0x80;
-    cp = (cp << 6) | (byte(pos + k) & 0x3F);
+  // A malformed sequence becomes one replacement for its longest valid
+  // beginning (at least its first byte).
+  size_t matched = length == 0 ? 0 : 1;
+  while (matched != 0 && matched < length && pos + matched < text.size() &&
+         (byte(pos + matched) & 0xC0) == 0x80) {
+    cp = (cp << 6) | (byte(pos + matched) & 0x3F);
+    ++matched;
   }
-  valid = valid && cp >= minimum && cp <= 0x10FFFF && (cp < 0xD800 || cp > 0xDFFF);
+  const bool valid = length != 0 && matched == length && cp >= minimum && cp <= 0x10FFFF &&
+                     (cp < 0xD800 || cp > 0xDFFF);
   if (!valid) {
     units[0] = kReplacement;
-    ++pos;
+    pos += matched == 0 ? 1 : matched;
     return 1;
   }
   pos += length;

@@ -1,0 +1,118 @@
+#include "tavix/core/shared.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <set>
+#include <thread>
+#include <vector>
+
+namespace TAVIX {
+namespace {
+
+struct Counted : public virtual Shared {
+  explicit Counted(std::atomic<int>* deletions) : m_deletions(deletions) {}
+  ~Counted() override { m_deletions->fetch_add(1); }
+  std::atomic<int>* m_deletions;
+};
+
+// A destructor that takes and drops a new holder of its own object.
+struct Resurrecting : public virtual Shared {
+  explicit Resurrecting(int* deletions) : m_deletions(deletions) {}
+  ~Resurrecting() override {
+    SmartPtr<Resurrecting> again(this);
+    ++*m_deletions;
+  }
+  int* m_deletions;
+};
+
+TEST(SmartPtrTest, NullDereferenceRaisesRuntimeError) {
+  SmartPtr<Counted> empty;
+  try {
+    empty->m_deletions = nullptr;
+    FAIL() << "no exception";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ("Null pointer referenced", e.what());
+  }
+  EXPECT_THROW(*empty, std::runtime_error);
+  EXPECT_EQ(nullptr, empty.get());
+}
+
+TEST(SmartPtrTest, SelfAssignmentKeepsObjectAndCount) {
+  std::atomic<int> deletions{0};
+  SmartPtr<Counted> p(new Counted(&deletions));
+  SmartPtr<Counted>& alias = p;
+  p = alias;
+  p = p.get();
+  EXPECT_EQ(1, p->RefCount());
+  EXPECT_EQ(0, deletions.load());
+}
+
+TEST(SmartPtrTest, LastHolderDeletesExactlyOnceEvenWhenDestructorTakesAHolder) {
+  int deletions = 0;
+  { SmartPtr<Resurrecting> p(new Resurrecting(&deletions)); }
+  EXPECT_EQ(1, deletions);
+}
+
+TEST(SmartPtrTest, ObjectWithoutHoldersIsNeverDeletedByCounting) {
+  std::atomic<int> deletions{0};
+  {
+    Counted onStack(&deletions);
+    SmartPtr<Counted> uncounted(&onStack, false);
+    EXPECT_EQ(0, onStack.RefCount());
+  }
+  EXPECT_EQ(1, deletions.load());  // only its own scope ended it
+}
+
+TEST(SmartPtrTest, ConcurrentCopiesAndReleasesDeleteOnce) {
+  std::atomic<int> deletions{0};
+  for (int round = 0; round < 50; ++round) {
+    auto* object = new Counted(&deletions);
+    std::vector<SmartPtr<Counted>> holders(8, SmartPtr<Counted>(object));
+    std::vector<std::thread> threads;
+    for (auto& holder : holders) {
+      threads.emplace_back([h = std::move(holder)]() mutable {
+        for (int i = 0; i < 1000; ++i) {
+          SmartPtr<Counted> copy = h;
+          copy = nullptr;
+        }
+        h = nullptr;
+      });
+    }
+    for (auto& t : threads) t.join();
+  }
+  EXPECT_EQ(50, deletions.load());
+}
+
+TEST(SmartPtrTest, SetsOrderByAddressAndHoldEachObjectOnce) {
+  std::atomic<int> deletions{0};
+  std::vector<SmartPtr<Counted>> objects;
+  for (int i = 0; i < 5; ++i) objects.emplace_back(new Counted(&deletions));
+  std::set<SmartPtr<Counted>> set(objects.rbegin(), objects.rend());
+  set.insert(objects[2]);
+  EXPECT_EQ(5u, set.size());
+  const Counted* previous = nullptr;
+  for (const auto& p : set) {
+    EXPECT_LT(reinterpret_cast<uintptr_t>(previous), reinterpret_cast<uintptr_t>(p.get()));
+    previous = p.get();
+  }
+}
+
+TEST(SharedTest, CopyStartsWithSourceCount) {
+  std::atomic<int> deletions{0};
+  SmartPtr<Counted> a(new Counted(&deletions));
+  SmartPtr<Counted> b = a;
+  Counted copy(*a);
+  EXPECT_EQ(2, copy.RefCount());
+}
+
+TEST(SmartPtrTest, ConvertsToBaseAndCastsBack) {
+  std::atomic<int> deletions{0};
+  SmartPtr<Counted> derived(new Counted(&deletions));
+  SmartPtr<Shared> base = derived;
+  EXPECT_EQ(2, base->RefCount());
+  EXPECT_EQ(derived.get(), SmartPtr<Counted>::DynamicCast(base).get());
+}
+
+}  // namespace
+}  // namespace TAVIX

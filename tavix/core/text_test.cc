@@ -1,0 +1,125 @@
+#include "tavix/core/text.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "tavix/core/errors.h"
+#include "tavix/core/format.h"
+#include "tavix/core/host_info.h"
+#include "tavix/core/inet_addr.h"
+
+namespace TAVIX {
+namespace {
+
+TEST(ConversionTest, RoundTripsAndStopsAtZero) {
+  EXPECT_EQ("", NarrowString(u""));
+  EXPECT_EQ("ab", NarrowString(std::u16string(u"ab\0cd", 5)));
+  EXPECT_EQ(u"ab", WiddenString(std::string("ab\0cd", 5)));
+  const std::u16string mixed = u"Gr\u00fc\u00dfe \u4e16\U0001F600";
+  EXPECT_EQ("Gr\xc3\xbc\xc3\x9f" "e \xe4\xb8\x96\xf0\x9f\x98\x80", NarrowString(mixed));
+  EXPECT_EQ(mixed, WiddenString(NarrowString(mixed)));
+}
+
+TEST(ConversionTest, UnconvertibleUnitsBecomeReplacementCharacter) {
+  EXPECT_EQ("a\xEF\xBF\xBD" "b", NarrowString(std::u16string{u'a', char16_t(0xD800), u'b'}));
+  EXPECT_EQ(u"a\uFFFDb", WiddenString("a\xFF" "b"));
+  EXPECT_EQ(u"\uFFFD", WiddenString("\xE4\xB8"));  // cut-off sequence
+}
+
+TEST(TrimTest, RemovesSetFromBothEnds) {
+  std::string s = "  abc  ";
+  EXPECT_EQ("abc", trim(s, " "));
+  std::string only = " \t ";
+  EXPECT_EQ("", trim(only, " \t"));
+  std::string unchanged = " x ";
+  EXPECT_EQ(" x ", trim(unchanged, ""));
+  std::u16string w = u"--a-b--";
+  EXPECT_EQ(u"a-b", trim(w, u"-"));
+}
+
+TEST(ElapsedMsTest, ConvertsHundredNanosecondUnits) {
+  const FILETIME start = 1000000, end = 1010000;
+  EXPECT_DOUBLE_EQ(1.0, ElapsedMs(&start, &end));
+  EXPECT_DOUBLE_EQ(-1.0, ElapsedMs(&end, &start));
+  EXPECT_THROW(ElapsedMs(nullptr, &end), std::runtime_error);
+}
+
+TEST(InetAddrTest, DottedAddressLaysOutSockaddr) {
+  InetAddr a;
+  ASSERT_TRUE(a.Set("127.0.0.1", 80));
+  uint8_t raw[16];
+  std::memcpy(raw, a.SockAddr(), 16);
+  const uint8_t expected[16] = {2, 0, 0x00, 0x50, 0x7F, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0};
+  EXPECT_EQ(0, std::memcmp(expected, raw, 16));
+  EXPECT_EQ(80, a.Port());
+  EXPECT_TRUE(a.Set(u"10.1.2.3", 9));
+  char text[16];
+  EXPECT_STREQ("10.1.2.3", a.ToString(text, sizeof text));
+}
+
+TEST(InetAddrTest, EmptyHostIsAnyAndBroadcastIsAllOnes) {
+  InetAddr a;
+  EXPECT_TRUE(a.Set("", 1));
+  EXPECT_TRUE(a.IsAny());
+  EXPECT_TRUE(a.SetBroadcast(7));
+  EXPECT_TRUE(a.IsBroadcast());
+  EXPECT_EQ(7, a.Port());
+}
+
+TEST(InetAddrTest, ToStringNeedsRoomForTerminator) {
+  InetAddr a;
+  a.Set("10.0.0.1", 0);
+  char narrow[9] = "zzzzzzzz";
+  EXPECT_EQ(nullptr, a.ToString(narrow, 8));
+  EXPECT_EQ('\0', narrow[0]);
+  EXPECT_STREQ("10.0.0.1", a.ToString(narrow, 9));
+  char16_t wide[9];
+  EXPECT_EQ(nullptr, a.ToString(wide, 8));
+  EXPECT_EQ(u"10.0.0.1", std::u16string(a.ToString(wide, 9)));
+}
+
+TEST(InetAddrTest, UnresolvableHostFailsWithInvalidArgumentAndZeroAddress) {
+  InetAddr a;
+  a.Set("1.2.3.4", 5);
+  EXPECT_FALSE(a.Set("no-such-host.invalid", 5));
+  EXPECT_EQ(static_cast<uint32_t>(EINVAL), TavixGetLastError());
+  uint8_t zero[16] = {};
+  EXPECT_EQ(0, std::memcmp(zero, a.SockAddr(), 16));
+}
+
+TEST(InetAddrTest, LocalhostResolvesByName) {
+  InetAddr a;
+  ASSERT_TRUE(a.Set("localhost", 1));
+  char text[16];
+  EXPECT_STREQ("127.0.0.1", a.ToString(text, sizeof text));
+}
+
+TEST(HostInfoTest, NameAndAddressesAreStable) {
+  const std::u16string& name = GetLocalHostName();
+  EXPECT_EQ(&name, &GetLocalHostName());
+  for (const auto& ip : GetLocalHostIP()) {
+    InetAddr a;
+    EXPECT_TRUE(a.Set(ip.c_str(), 0)) << NarrowString(ip);
+  }
+}
+
+TEST(FormatTest, FollowsPrintfFlagsWidthAndPrecision) {
+  EXPECT_EQ(u"[00042-00007]", FormatString(u"[%05d-%05d]", 42, 7u));
+  EXPECT_EQ(u"0x20000402", FormatString(u"0x%08X", 0x20000402u));
+  EXPECT_EQ(u"-5|5    |   +5|ab", FormatString(u"%d|%-5d|%+5d|%.2s", -5, 5, 5, "abc"));
+  EXPECT_EQ(u"4294967295 -1", FormatString(u"%u %d", -1, 0xFFFFFFFFu));
+  EXPECT_EQ(u"9000000000", FormatString(u"%lld", int64_t{9000000000}));
+  EXPECT_EQ(u"3.142 | x|\u00e9", FormatString(u"%.3f |%2c|%hs", 3.14159, u'x', "\xc3\xa9"));
+  EXPECT_EQ(u"a%", FormatString(u"a%%"));
+  EXPECT_EQ(u"only ", FormatString(u"only %d"));  // a missing argument renders nothing
+}
+
+TEST(FormatTest, ReportsOverflowInsteadOfCutting) {
+  std::array<char16_t, 4> small{};
+  EXPECT_EQ(4, Format(small, u"abcd"));
+  EXPECT_EQ(-1, Format(small, u"%s", std::u16string(u"abcde")));
+}
+
+}  // namespace
+}  // namespace TAVIX

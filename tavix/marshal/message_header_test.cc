@@ -1,0 +1,84 @@
+#include "tavix/marshal/message_header.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+
+#include "tavix/core/errors.h"
+
+namespace TAVIX {
+namespace {
+
+using Bytes = std::array<uint8_t, 20>;
+
+Bytes Encoded(uint8_t type, int32_t size) {
+  MsgHeaderData h;
+  h.Init(type);
+  h.size = size;
+  Bytes out{};
+  h.Encode(out.data());
+  return out;
+}
+
+uint32_t CheckOf(const Bytes& wire) {
+  MsgHeaderData h;
+  h.Decode(wire.data());
+  return h.Check();
+}
+
+TEST(Crc16Test, MatchesPublishedCheckValue) {
+  const uint8_t digits[] = {'1', '2', '3', '4', '5', '6', '7', '8', '9'};
+  EXPECT_EQ(0x4B37, Crc16(digits, 9));
+  EXPECT_EQ(0xFFFF, Crc16(digits, 0));
+}
+
+TEST(MessageHeaderTest, EncodesKnownVectors) {
+  EXPECT_EQ((Bytes{0x58, 0x47, 0x52, 0x51, 1, 2, 1, 1, 2, 0, 0x14, 0, 0, 0, 0, 0, 0, 0, 0x12, 0x9A}),
+            Encoded(MSG_VALIDATE, 20));
+  EXPECT_EQ((Bytes{0x58, 0x47, 0x52, 0x51, 1, 2, 1, 1, 3, 0, 0x14, 0, 0, 0, 0, 0, 0, 0, 0x43, 0x5F}),
+            Encoded(MSG_CLOSE, 20));
+  EXPECT_EQ((Bytes{0x58, 0x47, 0x52, 0x51, 1, 2, 1, 1, 0, 0, 0x64, 0, 0, 0, 0, 0, 0, 0, 0xB4, 0x74}),
+            Encoded(MSG_REQUEST, 100));
+}
+
+TEST(MessageHeaderTest, DecodeRestoresFieldsAndCrcState) {
+  MsgHeaderData h;
+  const Bytes wire = Encoded(MSG_REPLY, 36);
+  h.Decode(wire.data());
+  EXPECT_TRUE(h.crcOk);
+  EXPECT_EQ(MSG_REPLY, h.type);
+  EXPECT_EQ(36, h.size);
+  EXPECT_EQ(0u, h.Check());
+}
+
+TEST(MessageHeaderTest, CheckReportsFirstFailureInOrder) {
+  Bytes wire = Encoded(MSG_REQUEST, 100);
+  wire[0] = 'Y';
+  wire[18] ^= 0xFF;
+  EXPECT_EQ(Err::BadMagic, CheckOf(wire));
+
+  wire = Encoded(MSG_REQUEST, 100);
+  wire[6] = 2;
+  EXPECT_EQ(Err::BadVersion, CheckOf(wire));
+
+  for (size_t reservedByte : {9u, 14u, 15u, 16u, 17u}) {
+    wire = Encoded(MSG_REQUEST, 100);
+    wire[reservedByte] = 1;
+    EXPECT_EQ(Err::CrcError, CheckOf(wire)) << "byte " << reservedByte;
+  }
+}
+
+TEST(MessageHeaderTest, SizeBoundsAreInclusive) {
+  EXPECT_EQ(0u, CheckOf(Encoded(MSG_REQUEST, 20)));
+  EXPECT_EQ(0u, CheckOf(Encoded(MSG_REQUEST, 0x40000000)));
+  EXPECT_EQ(Err::IllegalSize, CheckOf(Encoded(MSG_REQUEST, 19)));
+  EXPECT_EQ(Err::IllegalSize, CheckOf(Encoded(MSG_REQUEST, 0x40000001)));
+  EXPECT_EQ(Err::IllegalSize, CheckOf(Encoded(MSG_REQUEST, -1)));
+}
+
+TEST(MessageHeaderTest, UnknownTypePassesCheck) {
+  EXPECT_EQ(0u, CheckOf(Encoded(7, 20)));
+}
+
+}  // namespace
+}  // namespace TAVIX
