@@ -1,0 +1,90 @@
+// IPv4 sockets. SocketView names a descriptor without owning it and carries
+// every call on an existing socket; Socket owns its descriptor and closes
+// it once. Every failing call copies errno into the thread's last error and
+// retries by itself when a signal interrupted it.
+#ifndef TAVIX_PLATFORM_SOCKET_H_
+#define TAVIX_PLATFORM_SOCKET_H_
+
+#include <cstdint>
+
+namespace TAVIX::platform {
+
+inline constexpr int32_t kInvalidSocket = -1;
+
+enum class SocketType { kStream, kDatagram };
+
+// What Poll waits for. Readable includes the peer's orderly close, a local
+// shutdown and a pending error, so a woken reader always learns something.
+enum class PollFor { kRead, kWrite };
+
+class Socket;
+
+class SocketView {
+ public:
+  constexpr SocketView() = default;
+  constexpr explicit SocketView(int32_t handle) : m_handle(handle) {}
+
+  int32_t Handle() const { return m_handle; }
+  bool IsValid() const { return m_handle != kInvalidSocket; }
+
+  // Addresses are sockaddr_in images of `length` bytes.
+  bool Bind(const void* address, uint32_t length) const;
+  bool Listen(int32_t backlog) const;
+  bool Connect(const void* address, uint32_t length) const;
+  // Takes one pending connection into `accepted` and its address into
+  // `address`; `length` is the buffer size in and the address size out.
+  bool Accept(Socket& accepted, void* address, uint32_t& length) const;
+  bool PeerName(void* address, uint32_t& length) const;
+  // Both directions; wakes every thread blocked in a call on the socket.
+  bool Shutdown() const;
+
+  bool SetBlocking(bool blocking) const;
+  // Keep-alive probes after `idleMs` of silence, then every `intervalMs`
+  // (rounded up to whole seconds, the platform's unit).
+  bool SetKeepAlive(bool on, uint32_t idleMs, uint32_t intervalMs) const;
+  bool SetSendBufSize(int32_t bytes) const;
+  bool SetRecvBufSize(int32_t bytes) const;
+  bool SetBroadcast(bool on) const;
+  // 1 or 0, -1 on failure.
+  int32_t GetBroadcast() const;
+  // A device request with an int-sized in/out argument.
+  bool IoCtl(uint32_t request, uint32_t* argument) const;
+
+  // 1 when ready, 0 when `timeoutMs` passed first (0 waits without limit),
+  // -1 on failure.
+  int32_t Poll(PollFor what, uint32_t timeoutMs) const;
+
+  // Byte counts (0: the peer closed), -1 on failure. Sends never raise
+  // SIGPIPE; a send to a closed peer fails with EPIPE instead.
+  int32_t Send(const void* data, int32_t length) const;
+  int32_t Recv(void* data, int32_t length) const;
+  int32_t SendTo(const void* data, int32_t length, const void* address, uint32_t addressLength) const;
+  int32_t RecvFrom(void* data, int32_t length, void* address, uint32_t& addressLength) const;
+
+ protected:
+  int32_t m_handle = kInvalidSocket;
+};
+
+class Socket : public SocketView {
+ public:
+  Socket() = default;
+  ~Socket() { Close(); }
+  Socket(Socket&& other) noexcept : SocketView(other.m_handle) { other.m_handle = kInvalidSocket; }
+  Socket& operator=(Socket&& other) noexcept;
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+
+  // A new AF_INET socket, replacing (and closing) any held one.
+  bool Create(SocketType type);
+  // Takes ownership of a descriptor made elsewhere.
+  void Adopt(int32_t handle);
+  // True when there was nothing to close or the close succeeded; the socket
+  // is invalid afterwards either way.
+  bool Close();
+
+  SocketView View() const { return SocketView(m_handle); }
+};
+
+}  // namespace TAVIX::platform
+
+#endif  // TAVIX_PLATFORM_SOCKET_H_
