@@ -1,0 +1,144 @@
+// The server-side container an application fills with servants and
+// endpoints: it maps object ids to servants, keeps one connection factory per
+// passport, decides by its status whether requests are dispatched, counts the
+// requests being dispatched, tells the application when a client connection
+// ends and hands out proxy strings.
+#ifndef TAVIX_ADAPTER_OBJECT_ADAPTER_H_
+#define TAVIX_ADAPTER_OBJECT_ADAPTER_H_
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tavix/core/locks.h"
+#include "tavix/core/shared.h"
+#include "tavix/invoke/object.h"
+
+namespace TAVIX {
+
+class IPassport;
+class IConnectionFactory;
+
+enum ObjectAdapterStatus : int32_t {
+  ADAPTER_ACTIVE = 0,
+  ADAPTER_INACTIVE = 1,
+  ADAPTER_DESTROYING = 2,
+};
+
+// Why a server connection ended.
+enum TavixDisconnectReason : int32_t {
+  DISCONNECT_NORMAL = 0,             // close message, or the connection was asked to stop
+  DISCONNECT_RECV_ERROR = 1,         // validation send or header receive failed
+  DISCONNECT_NETWORK_CLOSED = 2,     // the peer closed, or the transceiver was closed
+  DISCONNECT_PROTOCOL_ERROR = 3,     // a message type the server does not take
+  DISCONNECT_LIBRARY_EXCEPTION = 4,  // a TavixException
+  DISCONNECT_SYSTEM_EXCEPTION = 5,   // a Win32SE
+  DISCONNECT_OTHER_ERROR = 6,        // anything else
+};
+
+using DisconnectCallback = void (*)(void* context, TavixDisconnectReason reason);
+
+// Object id to servant, read in parallel by the serving threads.
+class ServantManager : public virtual Shared {
+ public:
+  ServantManager() = default;
+  ServantManager(const ServantManager&) = delete;
+  ServantManager& operator=(const ServantManager&) = delete;
+
+  // False with 0x2000000B when the id is taken.
+  bool Add(const SmartPtr<Object>& servant, const std::u16string& id);
+  // False with 0x2000000C when the id is absent.
+  bool Remove(const std::u16string& id);
+  // Null with 0x2000000C when the id is absent.
+  SmartPtr<Object> Find(const std::u16string& id);
+
+ private:
+  std::map<std::u16string, SmartPtr<Object>> m_servants;
+  RWRecLock m_lock;
+};
+
+class ObjectAdapter : public virtual Shared {
+ public:
+  ObjectAdapter();
+  ~ObjectAdapter() override;
+  ObjectAdapter(const ObjectAdapter&) = delete;
+  ObjectAdapter& operator=(const ObjectAdapter&) = delete;
+
+  // Ids are compared exactly, code unit by code unit.
+  bool AddServant(const SmartPtr<Object>& servant, const std::u16string& id);
+  bool AddServant(const SmartPtr<Object>& servant, const std::string& id);
+  bool RemoveServant(const std::u16string& id);
+  bool RemoveServant(const std::string& id);
+  SmartPtr<Object> FindServant(const std::u16string& id);
+
+  // Parses the endpoint string, refuses one that claims a resource of a
+  // registered passport, makes its factory and starts it at once unless the
+  // adapter is inactive. Null on failure (last error set). The passport
+  // returned is the key for RemovePassport.
+  SmartPtr<IPassport> AddPassport(const std::u16string& endpoint);
+  SmartPtr<IPassport> AddPassport(const std::string& endpoint);
+  // Stops and forgets one passport's factory; always true.
+  bool RemovePassport(const SmartPtr<IPassport>& passport);
+
+  // Active: requests are dispatched, factories started. Always true, also
+  // when a factory fails to start (it is tried again next time).
+  bool Activate();
+  // Inactive: requests are refused; listeners and connections stay.
+  bool Deactivate();
+  // Being destroyed: every connection is asked to end. Does not wait.
+  bool Destroy();
+  // Waits (at most about 61 s) until no request is being dispatched.
+  void WaitUntilDeactivate();
+  // Waits for every connection and accept thread to end and empties the
+  // passport table, which breaks the factories' hold on the adapter.
+  void WaitUntilDestroy();
+
+  ObjectAdapterStatus GetStatus();
+
+  // Called on the serving thread of every TCP connection that ends. It
+  // must not call AddPassport, RemovePassport, Activate, Destroy,
+  // WaitUntilDestroy or GetProxyString: the thread waiting for that very
+  // connection may hold the passport-table lock. A null callback switches
+  // the notification off. Always true.
+  bool RegisterDisconnectNotification(DisconnectCallback callback, void* context);
+
+  // Appends "<id>:<printed passport>" for every passport in table order;
+  // false (0x2000000C) when no servant has that id. The vector is not
+  // cleared.
+  bool GetProxyString(const std::u16string& id, std::vector<std::u16string>& proxies);
+  bool GetProxyString(const std::string& id, std::vector<std::string>& proxies);
+
+  // Requests being dispatched right now.
+  int32_t GetInvocationCount() const { return m_invocations.load(); }
+
+ protected:
+  void SetStatus(ObjectAdapterStatus status);
+  void DisconnectNotify(TavixDisconnectReason reason);
+
+ private:
+  friend class ObjectHelper;
+  friend class TcpConnectionFactory;
+  friend class UdpConnectionFactory;
+
+  // Raised before a dispatched request's servant is looked up, lowered
+  // after its dispatch; never below 0.
+  void IncrementInvocations() { m_invocations.fetch_add(1); }
+  void DecrementInvocations();
+
+  ObjectAdapterStatus m_status = ADAPTER_INACTIVE;
+  SpinLock m_statusLock;
+  ServantManager m_servants;
+  std::map<SmartPtr<IPassport>, SmartPtr<IConnectionFactory>> m_passports;
+  RecLock m_passportLock;
+  std::atomic<int32_t> m_invocations{0};
+  DisconnectCallback m_callback = nullptr;
+  void* m_callbackContext = nullptr;
+  // Keeps the callback and its context a consistent pair.
+  SpinLock m_callbackLock;
+};
+
+}  // namespace TAVIX
+
+#endif  // TAVIX_ADAPTER_OBJECT_ADAPTER_H_

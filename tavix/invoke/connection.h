@@ -1,0 +1,112 @@
+// One transport connection and the little protocol that runs on it outside
+// of calls: the validation handshake, the close message and the reception of
+// message headers. The same class serves both ends; on the server each
+// connection has its own serving thread, which runs the request loop.
+#ifndef TAVIX_INVOKE_CONNECTION_H_
+#define TAVIX_INVOKE_CONNECTION_H_
+
+#include <atomic>
+#include <cstdint>
+
+#include "tavix/core/locks.h"
+#include "tavix/core/shared.h"
+#include "tavix/core/thread.h"
+
+namespace TAVIX {
+
+class ITransceiver;
+class IConnectionFactory;
+class ThreadPerConnection;
+struct MsgHeaderData;
+
+class Connection : public virtual Shared {
+ public:
+  // Client-side protocol state. A server connection stays StateClosed all
+  // its life and uses its activation flag instead.
+  enum connectionState : int32_t {
+    StateValidating = 0,
+    StateConnected = 1,
+    StateClosed = 2,
+  };
+
+  // A client connection: no factory.
+  Connection();
+  // A server connection made by `factory` for one accepted transceiver.
+  explicit Connection(const SmartPtr<IConnectionFactory>& factory);
+  ~Connection() override;
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  const SmartPtr<ITransceiver>& GetTransceiver() const { return m_transceiver; }
+  void SetTransceiver(const SmartPtr<ITransceiver>& transceiver);
+
+  // Setting StateClosed closes an open transceiver; setting the current
+  // state does nothing at all.
+  void SetState(connectionState state);
+  connectionState GetState();
+
+  // The int results follow the transport convention: a positive count, 0
+  // when the peer closed, -1 platform error, -2 library code (both left as
+  // the thread's last error), -3 transceiver closed.
+
+  // Server: sends the header-only validation message (none over UDP).
+  int SendValidation();
+  // Client: receives and checks the validation message. The read waits as
+  // the transceiver's exact read waits; `timeoutMs` does not bound it.
+  int Validate(uint32_t timeoutMs);
+  // Client: sends the header-only close message; the result is ignored.
+  void SendCloseMsg();
+  // Waits for, reads, decodes and checks one header; 0 waits without
+  // limit. The message type is left to the caller.
+  int RecvPacketHeader(MsgHeaderData& header, uint32_t timeoutMs);
+
+  // Server: starts the serving thread (once); true while it may run.
+  bool Activate();
+  // Server: asks the run loop to stop. A request being handled keeps its
+  // transceiver open so that its reply still goes out.
+  void Destroy();
+  // Server: stops the loop, joins the serving thread, closes the
+  // transceiver and drops the factory.
+  void WaitUntilDestroy();
+
+ private:
+  friend class ThreadPerConnection;
+  friend class ObjectHelper;
+
+  // The serving thread's body; always 0.
+  int Run();
+  // The loop of Run after the validation message went out; returns the
+  // disconnect reason.
+  int32_t Serve();
+
+  void SetActivate(bool on) { m_activated.store(on ? 1 : 0); }
+  bool GetActivate() const { return m_activated.load() != 0; }
+  void SetInServant(bool on) { m_inServant.store(on ? 1 : 0); }
+  bool GetInServant() const { return m_inServant.load() != 0; }
+
+  SmartPtr<ITransceiver> m_transceiver;
+  std::atomic<int32_t> m_activated{0};
+  std::atomic<int32_t> m_inServant{0};
+  SmartPtr<ThreadPerConnection> m_thread;
+  SmartPtr<IConnectionFactory> m_factory;
+  connectionState m_state = StateClosed;
+  SpinLock m_stateLock;
+};
+
+// The serving thread of one server connection. It points at its connection
+// without holding it: the connection owns the thread object and joins it
+// before it goes.
+class ThreadPerConnection : public Thread {
+ public:
+  explicit ThreadPerConnection(Connection* connection) : m_connection(connection) {}
+
+ protected:
+  uint32_t Run() override;
+
+ private:
+  Connection* m_connection;
+};
+
+}  // namespace TAVIX
+
+#endif  // TAVIX_INVOKE_CONNECTION_H_
