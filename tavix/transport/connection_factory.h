@@ -1,0 +1,38 @@
+// A server-side connection factory: one per passport of an object adapter.
+// It listens (or binds) through its passport, turns what arrives into
+// connections with their own serving threads, and ends them on shutdown.
+#ifndef TAVIX_TRANSPORT_CONNECTION_FACTORY_H_
+#define TAVIX_TRANSPORT_CONNECTION_FACTORY_H_
+
+#include <cstdint>
+
+#include "tavix/core/shared.h"
+
+namespace TAVIX {
+
+class Connection;
+class IPassport;
+class ObjectAdapter;
+// Why a server connection ended; defined with the object adapter.
+enum TavixDisconnectReason : int32_t;
+
+class IConnectionFactory : public virtual Shared {
+ public:
+  ~IConnectionFactory() override = default;
+
+  // Starts listening and serving; true when the factory is active.
+  virtual bool Activate() = 0;
+  // Asks every live connection to end, without waiting.
+  virtual void Destroy() = 0;
+  // Called by a connection's serving thread as it ends; `connection` may be
+  // empty when only the reason is to be passed on. The result is advisory.
+  virtual bool ConnectionClosed(const SmartPtr<Connection>& connection, TavixDisconnectReason reason) = 0;
+  // Waits for the connections and stops listening; Activate may follow.
+  virtual void WaitUntilDestroy() = 0;
+  virtual const SmartPtr<IPassport>& GetPassport() const = 0;
+  virtual const SmartPtr<ObjectAdapter>& GetAdapter() const = 0;
+};
+
+}  // namespace TAVIX
+
+#endif  // TAVIX_TRANSPORT_CONNECTION_FACTORY_H_

@@ -1,0 +1,127 @@
+// Passports: one transport endpoint (protocol, host, port, call time-out),
+// written as an endpoint string such as "tcp -h 10.0.0.1 -p 5678 -t 3000",
+// and the maker of the transport objects for that endpoint.
+#ifndef TAVIX_TRANSPORT_PASSPORT_H_
+#define TAVIX_TRANSPORT_PASSPORT_H_
+
+#include <cstdint>
+#include <string>
+
+#include "tavix/core/shared.h"
+
+namespace TAVIX {
+
+class IAcceptor;
+class ITransceiver;
+
+// The transport objects report their kind with the same numbers.
+enum PassportType : int32_t {
+  PASSPORT_NONE = 0,
+  PASSPORT_TCP = 1,
+  PASSPORT_UDP = 2,
+};
+
+// The Create* operations return 0 on success, -1 when a platform call
+// failed (its errno is the last error) and -2 with a library code as the
+// last error.
+class IPassport : public virtual Shared {
+ public:
+  IPassport() = default;
+  // Nothing of its own to copy; the reference count is never copied.
+  IPassport(const IPassport&) noexcept : Shared() {}
+  IPassport& operator=(const IPassport&) noexcept { return *this; }
+  ~IPassport() override = default;
+
+  // Parses an endpoint string into this passport. On failure the last
+  // error is Err::BadPassportString and the fields set before the faulty
+  // token keep their new values.
+  virtual bool Create(const std::u16string& text) = 0;
+  virtual bool Create(const std::string& text) = 0;
+  // The printed endpoint string, assigned to `out`.
+  virtual std::u16string& toString(std::u16string& out) const = 0;
+  virtual std::string& toString(std::string& out) const = 0;
+  virtual PassportType Type() const { return PASSPORT_NONE; }
+  // The call time-out in milliseconds; 0 waits without limit.
+  virtual void Timeout(uint32_t timeoutMs) = 0;
+  virtual uint32_t Timeout() const = 0;
+  virtual bool IsCompress() const { return false; }
+  // `holder` may bring a transceiver or acceptor to reuse.
+  virtual int32_t CreateClientTransceiver(SmartPtr<ITransceiver>& holder) const = 0;
+  virtual int32_t CreateServerTransceiver(SmartPtr<ITransceiver>& holder) const = 0;
+  virtual int32_t CreateAcceptor(SmartPtr<IAcceptor>& holder) const = 0;
+  // True when both would claim the same listening resource.
+  virtual bool Conflict(const IPassport& other) const = 0;
+  // Passports are never equal nor ordered by value; containers key them by
+  // identity.
+  virtual bool operator==(const IPassport& other) const = 0;
+  virtual bool operator<(const IPassport& other) const = 0;
+};
+
+// The fields, grammar, printed form and conflict rule that the IP
+// passports share; the protocol word comes from Type().
+class IpPassport : public IPassport {
+ public:
+  static constexpr uint16_t kDefaultPort = 5678;
+
+  IpPassport() = default;
+  IpPassport(const IpPassport& other);
+  IpPassport& operator=(const IpPassport& other);
+
+  bool Create(const std::u16string& text) override;
+  bool Create(const std::string& text) override;
+  std::u16string& toString(std::u16string& out) const override;
+  std::string& toString(std::string& out) const override;
+  void Timeout(uint32_t timeoutMs) override { m_timeout = timeoutMs; }
+  uint32_t Timeout() const override { return m_timeout; }
+  bool Conflict(const IPassport& other) const override;
+  bool operator==(const IPassport& other) const override;
+  bool operator<(const IPassport& other) const override;
+
+  // The host text exactly as written after -h.
+  const std::u16string& Host() const { return m_host; }
+  // This machine on every interface (-h #any, or for TCP its own name).
+  bool IsLocal() const { return m_local; }
+  uint16_t Port() const { return m_port; }
+
+ private:
+  bool ParseHost(const std::u16string& value);
+
+  std::u16string m_host = u"0.0.0.0";
+  bool m_local = false;
+  uint16_t m_port = kDefaultPort;
+  uint32_t m_timeout = 0;
+};
+
+class TcpPassport : public IpPassport {
+ public:
+  TcpPassport() = default;
+  TcpPassport(const TcpPassport& other) : Shared(), IpPassport(other) {}
+  TcpPassport& operator=(const TcpPassport& other) {
+    IpPassport::operator=(other);
+    return *this;
+  }
+
+  PassportType Type() const override { return PASSPORT_TCP; }
+  // A connected TcpTransceiver; the time-out does not limit the connect.
+  int32_t CreateClientTransceiver(SmartPtr<ITransceiver>& holder) const override;
+  // Always -2 with Err::NeedAcceptor: TCP pipes come from an acceptor.
+  int32_t CreateServerTransceiver(SmartPtr<ITransceiver>& holder) const override;
+  // A listening TcpAcceptor on every interface (local flag) or on one of
+  // this machine's own addresses; any other host gives -2 with
+  // Err::CannotCreateAcceptor.
+  int32_t CreateAcceptor(SmartPtr<IAcceptor>& holder) const override;
+};
+
+// Makes the passport that an endpoint string's protocol word names.
+class PassportFactory {
+ public:
+  // Null on failure: Err::BadPassportString for a string without tokens,
+  // Err::UnsupportedFunction for an unknown protocol word, else the error
+  // the passport's Create left.
+  SmartPtr<IPassport> Create(const std::u16string& text) const;
+  SmartPtr<IPassport> Create(const std::string& text) const;
+};
+
+}  // namespace TAVIX
+
+#endif  // TAVIX_TRANSPORT_PASSPORT_H_
