@@ -185,7 +185,8 @@ class BasicStream : public Buffer {
   template <class T>
   void readEach(std::vector<T>& v);
   void writeBlobContent(ITavixBlob& blob, uint64_t size);
-  int32_t readCount();
+  // False, and n untouched, when no stream buffer is attached.
+  bool readCount(int32_t& n);
 
   char* narrowScratch();
   char16_t* wideScratch();

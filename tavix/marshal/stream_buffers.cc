@@ -1,0 +1,209 @@
+#include "tavix/marshal/stream_buffers.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#include "tavix/core/errors.h"
+#include "tavix/core/trace_log.h"
+
+namespace TAVIX {
+
+// ---- StreamMemBuf ----
+
+int32_t StreamMemBuf::reserve(int32_t bytes) {
+  if (bytes == 0) {
+    clear();
+    return 0;
+  }
+  if (bytes <= m_capacity) return 0;
+  void* grown = std::realloc(m_block.get(), static_cast<size_t>(bytes));
+  if (grown == nullptr) throw std::bad_alloc();
+  (void)m_block.release();  // realloc took ownership of the old block
+  m_block.reset(static_cast<uint8_t*>(grown));
+  m_capacity = bytes;
+  return bytes;
+}
+
+int32_t StreamMemBuf::sputn(const void* data, int32_t count) {
+  if (m_mode == kUnused) m_mode = kWriting;
+  if (m_mode == kReading) {
+    tavixTrace("StreamMemBuf::sputn : Error IO Mode\n");
+    return 0;
+  }
+  if (m_capacity == 0) reserve(kBlockSize);
+  if (m_position >= m_limit) return 0;
+  const int32_t n = std::min(count, m_limit - m_position);
+  if (n <= 0) return 0;
+  const auto* from = static_cast<const uint8_t*>(data);
+  int32_t taken = 0;
+  while (taken < n) {
+    if (m_fill < m_capacity) {
+      const int32_t piece = std::min(n - taken, m_capacity - m_fill);
+      std::memcpy(m_block.get() + m_fill, from + taken, static_cast<size_t>(piece));
+      m_fill += piece;
+      m_position += piece;
+      taken += piece;
+      continue;
+    }
+    const int32_t r = overflow();
+    if (r == 0) break;
+    if (r < 0) return r;
+  }
+  return taken;
+}
+
+// The block is full: hand it to the next link, or make it larger when
+// there is none or it takes nothing, so no byte is ever dropped.
+int32_t StreamMemBuf::overflow() {
+  if (!m_next) return grow();
+  const int32_t r = m_next->sputn(m_block.get(), m_capacity);
+  if (r == 0) return grow();
+  if (r < 0) return r;
+  if (r < m_capacity) {
+    dropFront(r);
+  } else {
+    m_fill = 0;
+  }
+  return r;
+}
+
+int32_t StreamMemBuf::grow() {
+  if (m_capacity == kNoLimit) return 0;
+  const int32_t doubled = static_cast<int32_t>(std::min<int64_t>(int64_t{m_capacity} * 2, kNoLimit));
+  return reserve(doubled);
+}
+
+void StreamMemBuf::dropFront(int32_t taken) {
+  std::memmove(m_block.get(), m_block.get() + taken, static_cast<size_t>(m_fill - taken));
+  m_fill -= taken;
+}
+
+int32_t StreamMemBuf::flush() {
+  if (m_mode != kWriting) {
+    tavixTrace("StreamMemBuf::flush : Error IO Mode\n");
+    return 0;
+  }
+  if (!m_next || m_fill == 0) return 0;
+  const int32_t r = m_next->sputn(m_block.get(), m_fill);
+  if (r <= 0) return r;
+  if (r < m_fill) {
+    dropFront(r);
+  } else {
+    m_fill = 0;
+  }
+  return r;
+}
+
+int32_t StreamMemBuf::sgetn(void* data, int32_t count) {
+  if (m_mode == kUnused) m_mode = kReading;
+  if (m_mode == kWriting) {
+    tavixTrace("StreamMemBuf::sgetn : Error IO Mode\n");
+    return 0;
+  }
+  if (m_position >= m_limit) return 0;
+  const int32_t n = std::min(count, m_limit - m_position);
+  if (n < 1) return 0;
+  auto* to = static_cast<uint8_t*>(data);
+  int32_t delivered = 0;
+  while (delivered < n) {
+    if (m_readIndex < m_fill) {
+      const int32_t piece = std::min(n - delivered, m_fill - m_readIndex);
+      std::memcpy(to + delivered, m_block.get() + m_readIndex, static_cast<size_t>(piece));
+      m_readIndex += piece;
+      m_position += piece;
+      delivered += piece;
+      continue;
+    }
+    const int32_t r = underflow();
+    if (r == 0) break;
+    if (r < 0) return r;
+  }
+  return delivered;
+}
+
+// Refills the block, never asking for bytes beyond the end of the message.
+int32_t StreamMemBuf::underflow() {
+  if (!m_next) return 0;
+  m_readIndex = 0;
+  m_fill = 0;
+  const int32_t want = std::min(m_limit - m_position, m_capacity);
+  if (want < 1) return 0;
+  const int32_t r = m_next->sgetn(m_block.get(), want);
+  if (r > m_capacity) return 0;
+  if (r < 1) return r;
+  m_fill = r;
+  return r;
+}
+
+void StreamMemBuf::clear() {
+  if (m_next) m_next->clear();
+  m_mode = kUnused;
+  m_block.reset();
+  m_capacity = 0;
+  m_position = 0;
+  m_readIndex = 0;
+  m_fill = 0;
+  m_limit = kNoLimit;
+}
+
+bool StreamMemBuf::setNext(const SmartPtr<ITavixStreamBuf>& next) {
+  m_next = next;
+  return true;
+}
+
+// ---- StreamTransceiverBuf ----
+
+namespace {
+
+int32_t CheckedTransfer(int32_t r) {
+  if (r == 0) TavixThrow(Err::ConnectionClosed);
+  if (r == -1 || r == -2 || r == -3) TavixThrow(TavixGetLastError());
+  return r;
+}
+
+}  // namespace
+
+StreamTransceiverBuf::StreamTransceiverBuf(const SmartPtr<ITransceiver>& transceiver)
+    : m_transceiver(transceiver) {}
+
+StreamTransceiverBuf::~StreamTransceiverBuf() = default;
+
+int32_t StreamTransceiverBuf::sputn(const void* data, int32_t count) {
+  return CheckedTransfer(m_transceiver->Send(data, count));
+}
+
+int32_t StreamTransceiverBuf::sgetn(void* data, int32_t count) {
+  return CheckedTransfer(m_transceiver->Recvn(data, count));
+}
+
+// ---- StreamBlobBuf ----
+
+StreamBlobBuf::StreamBlobBuf(const SmartPtr<ITavixBlob>& blob) : m_blob(blob) {}
+
+StreamBlobBuf::~StreamBlobBuf() = default;
+
+int32_t StreamBlobBuf::sputn(const void* data, int32_t count) {
+  const int32_t r = m_blob->Append(data, count);
+  if (r < 0) {
+    const uint32_t error = TavixGetLastError();
+    TavixThrow(error != 0 ? error : Err::BlobIoError);
+  }
+  return r;
+}
+
+int32_t StreamBlobBuf::sgetn(void*, int32_t) { TavixThrow(Err::UnsupportedFunction); }
+
+// ---- chain set-up ----
+
+SmartPtr<StreamMemBuf> AttachMessageBuffer(Buffer& stream, int32_t bytes,
+                                           const SmartPtr<ITavixStreamBuf>& next) {
+  SmartPtr<StreamMemBuf> buffer(new StreamMemBuf());
+  stream.Attach(buffer);
+  buffer->reserve(std::min(bytes, StreamMemBuf::kBlockSize));
+  buffer->setLimit(bytes);
+  buffer->setNext(next);
+  return buffer;
+}
+
+}  // namespace TAVIX

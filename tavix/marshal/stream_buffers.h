@@ -1,0 +1,122 @@
+// The links of a message's stream-buffer chain: a memory buffer that
+// gathers small writes into large sends, serves small reads from large
+// receives and enforces the message's size, and the two ends that pass
+// bytes to a transceiver or into a blob.
+#ifndef TAVIX_MARSHAL_STREAM_BUFFERS_H_
+#define TAVIX_MARSHAL_STREAM_BUFFERS_H_
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+
+#include "tavix/core/shared.h"
+#include "tavix/marshal/basic_stream.h"
+#include "tavix/marshal/blob.h"
+#include "tavix/transport/transceiver.h"
+
+namespace TAVIX {
+
+class StreamMemBuf : public ITavixStreamBuf {
+ public:
+  // The block size a chain starts with, and the most that is passed to the
+  // next link in one piece while writing.
+  static constexpr int32_t kBlockSize = 65536;
+  static constexpr int32_t kNoLimit = 0x7FFFFFFF;
+
+  StreamMemBuf() = default;
+  ~StreamMemBuf() override = default;
+  StreamMemBuf(const StreamMemBuf&) = delete;
+  StreamMemBuf& operator=(const StreamMemBuf&) = delete;
+
+  int32_t reserve(int32_t bytes) override;
+  int32_t sputn(const void* data, int32_t count) override;
+  int32_t sgetn(void* data, int32_t count) override;
+  int32_t size() override { return m_position; }
+  void setLimit(int32_t bytes) override { m_limit = bytes; }
+  int32_t flush() override;
+  void clear() override;
+  bool setNext(const SmartPtr<ITavixStreamBuf>& next) override;
+
+  int32_t capacity() const { return m_capacity; }
+  // Bytes held in the block: not yet passed on, or received and not all
+  // delivered.
+  int32_t fill() const { return m_fill; }
+  const uint8_t* block() const { return m_block.get(); }
+
+ private:
+  enum Mode : int32_t { kUnused = 0, kWriting = 1, kReading = 2 };
+  struct FreeDeleter {
+    void operator()(void* p) const noexcept { std::free(p); }
+  };
+
+  int32_t overflow();
+  int32_t underflow();
+  // Keeps the bytes next did not take at the start of the block.
+  void dropFront(int32_t taken);
+  // Doubles the block; returns the new capacity, 0 when it cannot grow.
+  int32_t grow();
+
+  int32_t m_mode = kUnused;
+  std::unique_ptr<uint8_t, FreeDeleter> m_block;
+  int32_t m_capacity = 0;
+  int32_t m_position = 0;
+  int32_t m_limit = kNoLimit;
+  int32_t m_readIndex = 0;
+  int32_t m_fill = 0;
+  SmartPtr<ITavixStreamBuf> m_next;
+};
+
+// The end of a chain that talks to a connection: writes are the
+// transceiver's Send, reads its Recvn. A closed peer raises
+// Err::ConnectionClosed; a failure raises the thread's last error.
+class StreamTransceiverBuf : public ITavixStreamBuf {
+ public:
+  explicit StreamTransceiverBuf(const SmartPtr<ITransceiver>& transceiver);
+  ~StreamTransceiverBuf() override;
+  StreamTransceiverBuf(const StreamTransceiverBuf&) = delete;
+  StreamTransceiverBuf& operator=(const StreamTransceiverBuf&) = delete;
+
+  int32_t reserve(int32_t) override { return 0; }
+  int32_t sputn(const void* data, int32_t count) override;
+  int32_t sgetn(void* data, int32_t count) override;
+  int32_t size() override { return 0; }
+  void setLimit(int32_t) override {}
+  int32_t flush() override { return 0; }
+  void clear() override {}
+  bool setNext(const SmartPtr<ITavixStreamBuf>&) override { return false; }
+
+ private:
+  SmartPtr<ITransceiver> m_transceiver;
+};
+
+// The end of a chain that collects a message into a blob; it cannot be
+// read from (Err::UnsupportedFunction).
+class StreamBlobBuf : public ITavixStreamBuf {
+ public:
+  explicit StreamBlobBuf(const SmartPtr<ITavixBlob>& blob);
+  ~StreamBlobBuf() override;
+  StreamBlobBuf(const StreamBlobBuf&) = delete;
+  StreamBlobBuf& operator=(const StreamBlobBuf&) = delete;
+
+  int32_t reserve(int32_t) override { return 0; }
+  int32_t sputn(const void* data, int32_t count) override;
+  int32_t sgetn(void* data, int32_t count) override;
+  int32_t size() override { return 0; }
+  void setLimit(int32_t) override {}
+  int32_t flush() override { return 0; }
+  void clear() override {}
+  bool setNext(const SmartPtr<ITavixStreamBuf>&) override { return false; }
+
+ private:
+  SmartPtr<ITavixBlob> m_blob;
+};
+
+// Sets a message's memory buffer up the way every sender and receiver
+// does: a new StreamMemBuf attached to the stream, room for the smaller of
+// `bytes` and kBlockSize, limit `bytes`, then `next` below it.
+SmartPtr<StreamMemBuf> AttachMessageBuffer(Buffer& stream, int32_t bytes,
+                                           const SmartPtr<ITavixStreamBuf>& next);
+
+}  // namespace TAVIX
+
+#endif  // TAVIX_MARSHAL_STREAM_BUFFERS_H_
