@@ -96,7 +96,7 @@ class BasicStream : public Buffer {
   // Counts and lengths: one byte up to 254, else 0xFF and 4 bytes.
   void writeSize(int32_t n);
   void readSize(int32_t& n);
-  static int32_t lengthOfSize(int32_t n) { return n <= 254 ? 1 : 5; }
+  static constexpr int32_t lengthOfSize(int32_t n) { return n <= 254 ? 1 : 5; }
 
   // Raw bytes without a prefix; a count below 1 does nothing.
   void writeBlob(const void* data, int32_t count);
@@ -152,13 +152,13 @@ class BasicStream : public Buffer {
 
   // The bytes write() would produce; never touches a stream. Lengths that
   // do not fit a 32-bit count raise Err::IllegalSize.
-  static int32_t lengthOf(bool) { return 1; }
-  static int32_t lengthOf(unsigned char) { return 1; }
-  static int32_t lengthOf(int16_t) { return 2; }
-  static int32_t lengthOf(int32_t) { return 4; }
-  static int32_t lengthOf(int64_t) { return 8; }
-  static int32_t lengthOf(float) { return 4; }
-  static int32_t lengthOf(double) { return 8; }
+  static constexpr int32_t lengthOf(bool) { return 1; }
+  static constexpr int32_t lengthOf(unsigned char) { return 1; }
+  static constexpr int32_t lengthOf(int16_t) { return 2; }
+  static constexpr int32_t lengthOf(int32_t) { return 4; }
+  static constexpr int32_t lengthOf(int64_t) { return 8; }
+  static constexpr int32_t lengthOf(float) { return 4; }
+  static constexpr int32_t lengthOf(double) { return 8; }
   static int32_t lengthOf(const std::string& v);
   static int32_t lengthOf(const std::u16string& v);
   static int32_t lengthOf(const SmartPtr<ITavixBlob>& v);

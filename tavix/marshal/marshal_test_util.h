@@ -1,0 +1,102 @@
+// Stream-buffer stand-ins shared by the marshalling tests: a sink that
+// records what reaches it, a source that serves prepared bytes, and helpers
+// that encode into and decode from a memory buffer chain.
+#ifndef TAVIX_MARSHAL_MARSHAL_TEST_UTIL_H_
+#define TAVIX_MARSHAL_MARSHAL_TEST_UTIL_H_
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <initializer_list>
+#include <vector>
+
+#include "tavix/marshal/basic_stream.h"
+#include "tavix/marshal/stream_buffers.h"
+
+namespace TAVIX::testing {
+
+using Bytes = std::vector<uint8_t>;
+
+inline Bytes B(std::initializer_list<int> values) {
+  Bytes out;
+  for (const int v : values) out.push_back(static_cast<uint8_t>(v));
+  return out;
+}
+
+// Takes at most `accept` bytes per call (all when negative), or returns
+// `result` instead when it is set.
+class Sink : public ITavixStreamBuf {
+ public:
+  int32_t reserve(int32_t) override { return 0; }
+  int32_t sputn(const void* data, int32_t count) override {
+    calls.push_back(count);
+    if (result != 0) return result;
+    const int32_t n = accept < 0 ? count : std::min(accept, count);
+    const auto* p = static_cast<const uint8_t*>(data);
+    bytes.insert(bytes.end(), p, p + n);
+    return n;
+  }
+  int32_t sgetn(void*, int32_t) override { return 0; }
+  int32_t size() override { return 0; }
+  void setLimit(int32_t) override {}
+  int32_t flush() override { return 0; }
+  void clear() override { ++clears; }
+  bool setNext(const SmartPtr<ITavixStreamBuf>&) override { return false; }
+
+  Bytes bytes;
+  std::vector<int32_t> calls;
+  int32_t accept = -1;
+  int32_t result = 0;
+  int clears = 0;
+};
+
+// Serves `bytes` in deliveries of at most `chunk` bytes and records what
+// it was asked for.
+class Source : public ITavixStreamBuf {
+ public:
+  explicit Source(Bytes content, int32_t piece = 0x7FFFFFFF) : bytes(std::move(content)), chunk(piece) {}
+  int32_t reserve(int32_t) override { return 0; }
+  int32_t sputn(const void*, int32_t) override { return 0; }
+  int32_t sgetn(void* data, int32_t count) override {
+    asked.push_back(count);
+    const auto left = static_cast<int32_t>(bytes.size() - offset);
+    const int32_t n = std::min({count, left, chunk});
+    std::memcpy(data, bytes.data() + offset, static_cast<size_t>(std::max(n, 0)));
+    offset += static_cast<size_t>(std::max(n, 0));
+    return n;
+  }
+  int32_t size() override { return 0; }
+  void setLimit(int32_t) override {}
+  int32_t flush() override { return 0; }
+  void clear() override {}
+  bool setNext(const SmartPtr<ITavixStreamBuf>&) override { return false; }
+
+  Bytes bytes;
+  int32_t chunk;
+  size_t offset = 0;
+  std::vector<int32_t> asked;
+};
+
+// What `fill` writes, collected by a memory buffer without a next link.
+inline Bytes Encode(const std::function<void(BasicStream&)>& fill) {
+  BasicStream s;
+  SmartPtr<StreamMemBuf> mem(new StreamMemBuf());
+  s.Attach(mem);
+  fill(s);
+  return Bytes(mem->block(), mem->block() + mem->fill());
+}
+
+// A stream that reads `bytes` as one message body, the way a receiver sets
+// its chain up.
+struct Decoder {
+  explicit Decoder(Bytes bytes, int32_t chunk = 0x7FFFFFFF)
+      : source(new Source(std::move(bytes), chunk)) {
+    AttachMessageBuffer(stream, static_cast<int32_t>(source->bytes.size()), source);
+  }
+  BasicStream stream;
+  SmartPtr<Source> source;
+};
+
+}  // namespace TAVIX::testing
+
+#endif  // TAVIX_MARSHAL_MARSHAL_TEST_UTIL_H_

@@ -1,0 +1,256 @@
+#include "tavix/marshal/stream_buffers.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <numeric>
+
+#include "tavix/core/errors.h"
+#include "tavix/marshal/marshal_test_util.h"
+
+namespace TAVIX {
+namespace {
+
+using testing::B;
+using testing::Bytes;
+using testing::Sink;
+using testing::Source;
+
+// An in-memory pipe: sends are recorded (taking at most `sendSplit` bytes a
+// call), receives are served from `incoming` in pieces of at most
+// `recvSplit`. A scripted result replaces the transfer when set.
+class FakeTransceiver : public ITransceiver {
+ public:
+  int32_t GetHandle() const override { return 7; }
+  int32_t Open() override { return 0; }
+  void Close() override {}
+  bool IsOpen() const override { return true; }
+  int32_t WaitForRecv(uint32_t) override { return 1; }
+  bool IsWaiting() const override { return false; }
+  int32_t Recv(void* buffer, int32_t length) override { return Recvn(buffer, length); }
+  int32_t Recvn(void* buffer, int32_t length) override {
+    recvAsks.push_back(length);
+    if (recvResult != 0) return recvResult;
+    const auto n = static_cast<int32_t>(std::min<size_t>({size_t(length), size_t(recvSplit), incoming.size() - readAt}));
+    std::memcpy(buffer, incoming.data() + readAt, static_cast<size_t>(n));
+    readAt += static_cast<size_t>(n);
+    return n;
+  }
+  int32_t Send(const void* buffer, int32_t length) override {
+    sends.push_back(length);
+    if (sendResult != 0) return sendResult;
+    const int32_t n = std::min(length, sendSplit);
+    sent.insert(sent.end(), static_cast<const uint8_t*>(buffer), static_cast<const uint8_t*>(buffer) + n);
+    return n;
+  }
+  bool GetPeer(std::u16string&, uint16_t&) const override { return false; }
+  int32_t Type() const override { return 1; }
+  int32_t MaxMessageSize() const override { return 0; }
+  bool IsBroadcast() const override { return false; }
+
+  Bytes sent;
+  Bytes incoming;
+  size_t readAt = 0;
+  int32_t sendSplit = 0x7FFFFFFF;
+  int32_t recvSplit = 0x7FFFFFFF;
+  int32_t sendResult = 0;
+  int32_t recvResult = 0;
+  std::vector<int32_t> sends;
+  std::vector<int32_t> recvAsks;
+};
+
+uint32_t CodeOf(const std::function<void()>& f) {
+  try {
+    f();
+  } catch (const TavixException& e) {
+    return e.Code();
+  }
+  return 0;
+}
+
+Bytes Pattern(size_t n) {
+  Bytes out(n);
+  for (size_t i = 0; i < n; ++i) out[i] = static_cast<uint8_t>(i ^ (i >> 8));
+  return out;
+}
+
+TEST(StreamMemBuf, GrowsWithoutNextAndKeepsEveryByte) {
+  StreamMemBuf mem;
+  const Bytes data = Pattern(65537);
+  EXPECT_EQ(mem.sputn(data.data(), 65537), 65537);
+  EXPECT_EQ(mem.capacity(), 131072);
+  EXPECT_EQ(mem.size(), 65537);
+  EXPECT_TRUE(std::equal(data.begin(), data.end(), mem.block()));
+  EXPECT_EQ(mem.reserve(1000), 0);  // never shrinks
+  EXPECT_EQ(mem.reserve(200000), 200000);
+  EXPECT_TRUE(std::equal(data.begin(), data.end(), mem.block()));
+}
+
+TEST(StreamMemBuf, LimitAndModeRules) {
+  StreamMemBuf mem;
+  mem.setLimit(10);
+  const Bytes data = Pattern(15);
+  EXPECT_EQ(mem.sputn(data.data(), 15), 10);
+  EXPECT_EQ(mem.sputn(data.data(), 1), 0);
+  uint8_t out[4];
+  EXPECT_EQ(mem.sgetn(out, 4), 0);  // a writing buffer refuses reads
+  EXPECT_EQ(mem.size(), 10);
+
+  // clear: back to a fresh, unlimited, unused state, the next link kept and
+  // cleared as well.
+  SmartPtr<Source> source(new Source(B({1, 2, 3, 4, 5})));
+  SmartPtr<Sink> sink(new Sink());
+  EXPECT_TRUE(mem.setNext(sink));
+  mem.clear();
+  EXPECT_EQ(sink->clears, 1);
+  EXPECT_EQ(mem.size(), 0);
+  EXPECT_EQ(mem.capacity(), 0);
+  EXPECT_EQ(mem.sputn(data.data(), 15), 15);  // limit gone
+  EXPECT_EQ(mem.flush(), 15);
+  EXPECT_EQ(sink->bytes, data);
+  mem.reserve(0);
+  EXPECT_EQ(sink->clears, 2);
+
+  mem.setNext(source);
+  EXPECT_EQ(mem.sgetn(out, 4), 0);  // no room made yet: nothing can arrive
+  mem.clear();
+  mem.reserve(3);
+  EXPECT_EQ(mem.sgetn(out, 4), 4);
+  EXPECT_EQ(B({out[0], out[1], out[2], out[3]}), B({1, 2, 3, 4}));
+  EXPECT_EQ(mem.sputn(data.data(), 1), 0);  // a reading buffer refuses writes
+  EXPECT_EQ(mem.flush(), 0);
+}
+
+TEST(StreamMemBuf, OverflowKeepsWhatNextDidNotTake) {
+  SmartPtr<Sink> sink(new Sink());
+  sink->accept = 40000;
+  StreamMemBuf mem;
+  mem.setNext(sink);
+  const Bytes data = Pattern(65537);
+  EXPECT_EQ(mem.sputn(data.data(), 65537), 65537);
+  EXPECT_EQ(sink->calls, std::vector<int32_t>{65536});
+  EXPECT_EQ(mem.fill(), 25537);
+  EXPECT_TRUE(std::equal(data.begin() + 40000, data.end(), mem.block()));
+
+  // A next that takes nothing: the block doubles and nothing is lost.
+  sink->accept = 0;
+  const Bytes more = Pattern(100000);
+  EXPECT_EQ(mem.sputn(more.data(), 100000), 100000);
+  EXPECT_EQ(mem.capacity(), 131072);
+  sink->accept = -1;
+  EXPECT_EQ(mem.flush(), 125537);
+  Bytes all(data.begin(), data.end());
+  all.insert(all.end(), more.begin(), more.end());
+  EXPECT_EQ(sink->bytes, all);
+  EXPECT_EQ(mem.flush(), 0);
+  EXPECT_EQ(mem.size(), 165537);
+
+  // A failure below comes back unchanged, and the bytes stay held.
+  sink->result = -7;
+  EXPECT_EQ(mem.sputn(more.data(), 1), 1);
+  EXPECT_EQ(mem.flush(), -7);
+  EXPECT_EQ(mem.fill(), 1);
+}
+
+TEST(StreamMemBuf, ReadingNeverAsksPastTheMessage) {
+  const Bytes body = Pattern(200000);
+  Bytes stream = body;
+  stream.insert(stream.end(), 5000, 0xEE);  // the next message's bytes
+  SmartPtr<Source> source(new Source(stream, 30000));
+  BasicStream s;
+  AttachMessageBuffer(s, 200000, source);
+  Bytes back(200000);
+  s.readBlob(back.data(), 150000);
+  s.readBlob(back.data() + 150000, 50000);
+  EXPECT_EQ(back, body);
+  EXPECT_EQ(source->offset, 200000u);
+  for (const int32_t ask : source->asked) EXPECT_LE(ask, 65536);
+  uint8_t extra = 0;
+  EXPECT_EQ(CodeOf([&] { s.readBlob(&extra, 1); }), Err::OutOfBounds);
+  EXPECT_EQ(s.Size(), 200000);
+}
+
+TEST(StreamTransceiverBuf, MessagesOverManyBlocksBothWays) {
+  SmartPtr<FakeTransceiver> pipe(new FakeTransceiver());
+  pipe->sendSplit = 50000;  // the transceiver takes part of each block
+  std::vector<int32_t> numbers(100000);
+  std::iota(numbers.begin(), numbers.end(), 0);
+  const std::u16string text(1000, u'\u4E2D');
+  const int32_t total = BasicStream::lengthOf(numbers) + BasicStream::lengthOf(text);
+  {
+    BasicStream s;
+    SmartPtr<ITavixStreamBuf> end(new StreamTransceiverBuf(pipe));
+    AttachMessageBuffer(s, total, end);
+    s.write(numbers);
+    s.write(text);
+    while (s.Flush() > 0) {
+    }
+    EXPECT_EQ(s.Size(), total);
+    EXPECT_EQ(CodeOf([&] { s.write(int32_t{1}); }), Err::OutOfBounds);  // beyond the announced size
+  }
+  ASSERT_EQ(static_cast<int32_t>(pipe->sent.size()), total);
+  for (const int32_t n : pipe->sends) EXPECT_LE(n, 65536);
+
+  pipe->incoming = pipe->sent;
+  pipe->recvSplit = 1234;
+  BasicStream r;
+  AttachMessageBuffer(r, total, SmartPtr<ITavixStreamBuf>(new StreamTransceiverBuf(pipe)));
+  std::vector<int32_t> numbersBack;
+  std::u16string textBack;
+  r.read(numbersBack);
+  r.read(textBack);
+  EXPECT_EQ(numbersBack, numbers);
+  EXPECT_EQ(textBack, text);
+}
+
+TEST(StreamTransceiverBuf, ClosedAndFailedTransfersRaise) {
+  SmartPtr<FakeTransceiver> pipe(new FakeTransceiver());
+  StreamTransceiverBuf end(pipe);
+  uint8_t byte = 0;
+  pipe->sendResult = 0;
+  pipe->sendSplit = 0;
+  EXPECT_EQ(CodeOf([&] { end.sputn(&byte, 1); }), Err::ConnectionClosed);
+  EXPECT_EQ(CodeOf([&] { end.sgetn(&byte, 1); }), Err::ConnectionClosed);
+  for (const int32_t failure : {-1, -2, -3}) {
+    TavixSetLastError(ECONNRESET);
+    pipe->sendResult = failure;
+    pipe->recvResult = failure;
+    EXPECT_EQ(CodeOf([&] { end.sputn(&byte, 1); }), static_cast<uint32_t>(ECONNRESET));
+    EXPECT_EQ(CodeOf([&] { end.sgetn(&byte, 1); }), static_cast<uint32_t>(ECONNRESET));
+  }
+  EXPECT_FALSE(end.setNext(SmartPtr<ITavixStreamBuf>(new Sink())));
+  EXPECT_EQ(end.reserve(100), 0);
+  EXPECT_EQ(end.size(), 0);
+  EXPECT_EQ(end.flush(), 0);
+}
+
+// A blob that always fails, leaving the last error as it found it.
+class FailingBlob : public TavixBlob {
+ public:
+  int32_t Write(const void*, int32_t, uint64_t) override { return -2; }
+};
+
+TEST(StreamBlobBuf, CollectsAMessageAndReportsBlobFailures) {
+  SmartPtr<ITavixBlob> blob = CreateTavixMemBlob();
+  BasicStream s;
+  AttachMessageBuffer(s, 100000, SmartPtr<ITavixStreamBuf>(new StreamBlobBuf(blob)));
+  const Bytes data = Pattern(100000);
+  s.writeBlob(data.data(), 100000);
+  s.Flush();
+  ASSERT_EQ(blob->Size(), 100000u);
+  EXPECT_EQ(std::memcmp(blob->Data(), data.data(), 100000), 0);
+
+  StreamBlobBuf end(blob);
+  uint8_t byte = 0;
+  EXPECT_EQ(CodeOf([&] { end.sgetn(&byte, 1); }), Err::UnsupportedFunction);
+  EXPECT_FALSE(end.setNext(SmartPtr<ITavixStreamBuf>(new Sink())));
+
+  StreamBlobBuf failing(SmartPtr<ITavixBlob>(new FailingBlob()));
+  TavixSetLastError(0);
+  EXPECT_EQ(CodeOf([&] { failing.sputn(&byte, 1); }), Err::BlobIoError);
+  StreamBlobBuf unopenable(CreateTavixFileBlob("/nonexistent-dir/blob.bin"));
+  EXPECT_EQ(CodeOf([&] { unopenable.sputn(&byte, 1); }), static_cast<uint32_t>(ENOENT));
+}
+
+}  // namespace
+}  // namespace TAVIX
