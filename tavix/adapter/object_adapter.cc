@@ -1,0 +1,227 @@
+#include "tavix/adapter/object_adapter.h"
+
+#include <utility>
+
+#include "tavix/core/errors.h"
+#include "tavix/core/text.h"
+#include "tavix/core/trace_log.h"
+#include "tavix/platform/process.h"
+#include "tavix/transport/connection_factory.h"
+#include "tavix/transport/passport.h"
+#include "tavix/transport/tcp_connection_factory.h"
+
+namespace TAVIX {
+namespace {
+
+// WaitUntilDeactivate polls the invocation counter this often, this many
+// times (about 61 s in all).
+constexpr uint32_t kDeactivatePollMs = 500;
+constexpr int32_t kDeactivatePolls = 122;
+
+}  // namespace
+
+// ---- ServantManager ----
+
+bool ServantManager::Add(const SmartPtr<Object>& servant, const std::u16string& id) {
+  WriteGuard guard(m_lock);
+  if (!m_servants.emplace(id, servant).second) {
+    TavixSetLastError(Err::ObjectExists);
+    return false;
+  }
+  return true;
+}
+
+bool ServantManager::Remove(const std::u16string& id) {
+  SmartPtr<Object> removed;  // released after the lock: its destructor is application code
+  WriteGuard guard(m_lock);
+  const auto it = m_servants.find(id);
+  if (it == m_servants.end()) {
+    TavixSetLastError(Err::ObjectNotFound);
+    return false;
+  }
+  removed = std::move(it->second);
+  m_servants.erase(it);
+  return true;
+}
+
+SmartPtr<Object> ServantManager::Find(const std::u16string& id) {
+  ReadGuard guard(m_lock);
+  const auto it = m_servants.find(id);
+  if (it == m_servants.end()) {
+    TavixSetLastError(Err::ObjectNotFound);
+    return nullptr;
+  }
+  return it->second;
+}
+
+// ---- ObjectAdapter ----
+
+ObjectAdapter::ObjectAdapter() = default;
+ObjectAdapter::~ObjectAdapter() = default;
+
+bool ObjectAdapter::AddServant(const SmartPtr<Object>& servant, const std::u16string& id) {
+  return m_servants.Add(servant, id);
+}
+
+bool ObjectAdapter::AddServant(const SmartPtr<Object>& servant, const std::string& id) {
+  return AddServant(servant, WiddenString(id));
+}
+
+bool ObjectAdapter::RemoveServant(const std::u16string& id) { return m_servants.Remove(id); }
+
+bool ObjectAdapter::RemoveServant(const std::string& id) { return RemoveServant(WiddenString(id)); }
+
+SmartPtr<Object> ObjectAdapter::FindServant(const std::u16string& id) { return m_servants.Find(id); }
+
+SmartPtr<IPassport> ObjectAdapter::AddPassport(const std::u16string& endpoint) {
+  SmartPtr<IPassport> passport = PassportFactory().Create(endpoint);
+  if (!passport) return nullptr;
+
+  {
+    ScopedLock guard(m_passportLock);
+    for (const auto& [registered, factory] : m_passports) {
+      if (factory->GetPassport()->Conflict(*passport)) {
+        TavixSetLastError(Err::PassportConflict);
+        return nullptr;
+      }
+    }
+  }
+
+  SmartPtr<IConnectionFactory> factory;
+  if (passport->Type() == PASSPORT_TCP) {
+    factory = MakeShared<TcpConnectionFactory>(passport, SmartPtr<ObjectAdapter>(this));
+  } else {
+    // Datagram endpoints are not served yet.
+    TavixSetLastError(Err::UnsupportedFunction);
+    return nullptr;
+  }
+
+  if (GetStatus() != ADAPTER_INACTIVE && !factory->Activate()) {
+    // Dropping the factory must not disturb the error activation left.
+    EnsureLastError keep;
+    factory = nullptr;
+    return nullptr;
+  }
+
+  ScopedLock guard(m_passportLock);
+  m_passports.emplace(passport, factory);
+  return passport;
+}
+
+SmartPtr<IPassport> ObjectAdapter::AddPassport(const std::string& endpoint) {
+  return AddPassport(WiddenString(endpoint));
+}
+
+bool ObjectAdapter::RemovePassport(const SmartPtr<IPassport>& passport) {
+  SmartPtr<IConnectionFactory> factory;
+  {
+    ScopedLock guard(m_passportLock);
+    const auto it = m_passports.find(passport);
+    if (it == m_passports.end()) return true;
+    factory = it->second;
+  }
+  factory->Destroy();
+  factory->WaitUntilDestroy();
+  ScopedLock guard(m_passportLock);
+  m_passports.erase(passport);
+  return true;
+}
+
+bool ObjectAdapter::Activate() {
+  SetStatus(ADAPTER_ACTIVE);
+  ScopedLock guard(m_passportLock);
+  for (const auto& [passport, factory] : m_passports) {
+    if (!factory->Activate()) {
+      std::u16string printed;
+      tavixTrace(u"%s Activate failed!\n", factory->GetPassport()->toString(printed));
+    }
+  }
+  return true;
+}
+
+bool ObjectAdapter::Deactivate() {
+  SetStatus(ADAPTER_INACTIVE);
+  return true;
+}
+
+bool ObjectAdapter::Destroy() {
+  SetStatus(ADAPTER_DESTROYING);
+  ScopedLock guard(m_passportLock);
+  for (const auto& [passport, factory] : m_passports) factory->Destroy();
+  return true;
+}
+
+void ObjectAdapter::WaitUntilDeactivate() {
+  for (int32_t polls = 0; polls < kDeactivatePolls; ++polls) {
+    const int32_t invoked = m_invocations.load();
+    if (invoked == 0) return;
+    tavixTrace("Invoked Count = %d\n", invoked);
+    platform::SleepMs(kDeactivatePollMs);
+  }
+}
+
+void ObjectAdapter::WaitUntilDestroy() {
+  std::map<SmartPtr<IPassport>, SmartPtr<IConnectionFactory>> released;
+  {
+    ScopedLock guard(m_passportLock);
+    for (const auto& [passport, factory] : m_passports) factory->WaitUntilDestroy();
+    released.swap(m_passports);
+  }
+  // The factories (and with them their hold on this adapter) go here.
+}
+
+ObjectAdapterStatus ObjectAdapter::GetStatus() {
+  ScopedLock guard(m_statusLock);
+  return m_status;
+}
+
+void ObjectAdapter::SetStatus(ObjectAdapterStatus status) {
+  ScopedLock guard(m_statusLock);
+  m_status = status;
+}
+
+bool ObjectAdapter::RegisterDisconnectNotification(DisconnectCallback callback, void* context) {
+  ScopedLock guard(m_callbackLock);
+  m_callback = callback;
+  m_callbackContext = context;
+  return true;
+}
+
+void ObjectAdapter::DisconnectNotify(TavixDisconnectReason reason) {
+  DisconnectCallback callback = nullptr;
+  void* context = nullptr;
+  {
+    ScopedLock guard(m_callbackLock);
+    callback = m_callback;
+    context = m_callbackContext;
+  }
+  if (callback != nullptr) callback(context, reason);
+}
+
+bool ObjectAdapter::GetProxyString(const std::u16string& id, std::vector<std::u16string>& proxies) {
+  if (!FindServant(id)) return false;
+  ScopedLock guard(m_passportLock);
+  std::u16string printed;
+  for (const auto& [passport, factory] : m_passports) {
+    proxies.push_back(id + u":" + passport->toString(printed));
+  }
+  return true;
+}
+
+bool ObjectAdapter::GetProxyString(const std::string& id, std::vector<std::string>& proxies) {
+  if (!FindServant(WiddenString(id))) return false;
+  ScopedLock guard(m_passportLock);
+  std::string printed;
+  for (const auto& [passport, factory] : m_passports) {
+    proxies.push_back(id + ":" + passport->toString(printed));
+  }
+  return true;
+}
+
+void ObjectAdapter::DecrementInvocations() {
+  int32_t current = m_invocations.load();
+  while (current >= 1 && !m_invocations.compare_exchange_weak(current, current - 1)) {
+  }
+}
+
+}  // namespace TAVIX

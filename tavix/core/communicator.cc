@@ -1,0 +1,111 @@
+#include "tavix/core/communicator.h"
+
+#include <utility>
+
+#include "tavix/core/errors.h"
+#include "tavix/core/text.h"
+#include "tavix/platform/process.h"
+
+namespace TAVIX {
+
+SmartPtr<Communicator> Initialize(std::u16string /*name*/) { return MakeShared<Communicator>(); }
+
+Communicator::Communicator() = default;
+
+Communicator::~Communicator() {
+  if (!IsShutdown()) {
+    Shutdown();
+    WaitForShutdown();
+  }
+}
+
+bool Communicator::IsShutdown() {
+  ScopedLock guard(m_flagLock);
+  return m_shutdownFlag;
+}
+
+SmartPtr<ObjectAdapter> Communicator::CreateObjectAdapter(const std::u16string& name) {
+  if (IsShutdown()) {
+    TavixSetLastError(Err::CommunicatorClosed);
+    return nullptr;
+  }
+  SmartPtr<ObjectAdapter> adapter = MakeShared<ObjectAdapter>();
+  ScopedLock guard(m_adaptersLock);
+  if (!m_adapters.emplace(name, adapter).second) {
+    TavixSetLastError(Err::AdapterNameExists);
+    return nullptr;
+  }
+  return adapter;
+}
+
+SmartPtr<ObjectAdapter> Communicator::CreateObjectAdapter(const std::string& name) {
+  return CreateObjectAdapter(WiddenString(name));
+}
+
+void Communicator::Shutdown() {
+  {
+    ScopedLock guard(m_flagLock);
+    if (m_shutdownFlag) return;
+    m_shutdownFlag = true;
+  }
+  ScopedLock guard(m_adaptersLock);
+  for (auto& [name, adapter] : m_adapters) adapter->Destroy();
+}
+
+void Communicator::WaitForShutdown() {
+  if (!IsShutdown()) Shutdown();
+
+  for (int32_t round = 0; round < kCallWaitRounds; ++round) {
+    if (m_activeCalls.load() == 0) break;
+    platform::SleepMs(kCallWaitStepMs);
+  }
+
+  {
+    ScopedLock guard(m_connectionsLock);
+    for (const SmartPtr<Connection>& connection : m_clientConnections) {
+      connection->SendCloseMsg();
+      connection->SetState(Connection::StateClosed);
+    }
+    m_clientConnections.clear();
+  }
+
+  // The adapters go after the lock is released: their destructors may run
+  // application code (servant destructors).
+  std::map<std::u16string, SmartPtr<ObjectAdapter>> released;
+  {
+    ScopedLock guard(m_adaptersLock);
+    for (auto& [name, adapter] : m_adapters) adapter->WaitUntilDestroy();
+    released.swap(m_adapters);
+  }
+}
+
+void Communicator::Destroy() {
+  if (IsShutdown()) return;
+  Shutdown();
+  WaitForShutdown();
+}
+
+void Communicator::RegisterConnection(const SmartPtr<Connection>& connection) {
+  if (!connection) return;
+  ScopedLock guard(m_connectionsLock);
+  m_clientConnections.insert(connection);
+}
+
+void Communicator::Finish(const SmartPtr<Connection>& connection) {
+  ScopedLock guard(m_connectionsLock);
+  const auto it = m_clientConnections.find(connection);
+  if (it == m_clientConnections.end()) return;
+  connection->SendCloseMsg();
+  connection->SetState(Connection::StateClosed);
+  m_clientConnections.erase(it);
+}
+
+void Communicator::EndCall() {
+  // Two callers may both see 1; the counter still never goes below 0
+  // because the decrement itself refuses to.
+  int32_t current = m_activeCalls.fetch_add(0);
+  while (current >= 1 && !m_activeCalls.compare_exchange_weak(current, current - 1)) {
+  }
+}
+
+}  // namespace TAVIX

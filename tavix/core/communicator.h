@@ -1,0 +1,78 @@
+// The communicator: the top-level object through which an application
+// creates its object adapters and shuts the runtime down. It owns the
+// adapters it made, counts the client calls in progress and closes the
+// client connections registered with it when it shuts down.
+#ifndef TAVIX_CORE_COMMUNICATOR_H_
+#define TAVIX_CORE_COMMUNICATOR_H_
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+
+#include "tavix/adapter/object_adapter.h"
+#include "tavix/core/locks.h"
+#include "tavix/core/shared.h"
+#include "tavix/invoke/connection.h"
+
+namespace TAVIX {
+
+class Communicator : public virtual Shared {
+ public:
+  Communicator();
+  // Shuts down and waits unless that was begun already.
+  ~Communicator() override;
+  Communicator(const Communicator&) = delete;
+  Communicator& operator=(const Communicator&) = delete;
+
+  // A new inactive adapter under a name unique in this communicator. Null
+  // with 0x20000015 after Shutdown, with 0x20000016 when the name is taken
+  // (names are compared exactly).
+  SmartPtr<ObjectAdapter> CreateObjectAdapter(const std::u16string& name);
+  SmartPtr<ObjectAdapter> CreateObjectAdapter(const std::string& name);
+
+  // Sets the shutdown flag (once) and tells every adapter, in name order,
+  // to destroy itself. Returns at once.
+  void Shutdown();
+  // Shuts down if needed, waits for the client calls in progress (at most
+  // 1200 s), closes the registered client connections, then waits for every
+  // adapter in name order and releases them.
+  void WaitForShutdown();
+  // Shutdown and WaitForShutdown, unless shut down already.
+  void Destroy();
+
+  // How long WaitForShutdown waits for client calls: checks and sleeps.
+  static constexpr int32_t kCallWaitRounds = 1200;
+  static constexpr uint32_t kCallWaitStepMs = 1000;
+
+ private:
+  friend class ProxyObject;
+  friend class ProxyHelper;
+  friend class CommunicatorProbe;  // the unit tests' window on the private state
+
+  bool IsShutdown();
+  // Keeps a client connection to be closed at shutdown; Finish releases it.
+  void RegisterConnection(const SmartPtr<Connection>& connection);
+  // Sends the close message, closes and forgets one registered connection;
+  // nothing when it is not registered.
+  void Finish(const SmartPtr<Connection>& connection);
+  // The count of client calls in progress; the decrement never goes below 0.
+  void BeginCall() { m_activeCalls.fetch_add(1); }
+  void EndCall();
+
+  std::set<SmartPtr<Connection>> m_clientConnections;
+  RecLock m_connectionsLock;
+  std::map<std::u16string, SmartPtr<ObjectAdapter>> m_adapters;
+  RecLock m_adaptersLock;
+  bool m_shutdownFlag = false;
+  SpinLock m_flagLock;
+  std::atomic<int32_t> m_activeCalls{0};
+};
+
+// A new communicator; the name is not used, every call makes a separate one.
+SmartPtr<Communicator> Initialize(std::u16string name = {});
+
+}  // namespace TAVIX
+
+#endif  // TAVIX_CORE_COMMUNICATOR_H_

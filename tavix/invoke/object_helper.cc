@@ -1,0 +1,103 @@
+#include "tavix/invoke/object_helper.h"
+
+#include <algorithm>
+#include <array>
+
+#include "tavix/adapter/object_adapter.h"
+#include "tavix/core/errors.h"
+#include "tavix/core/text.h"
+#include "tavix/invoke/connection.h"
+#include "tavix/invoke/object.h"
+#include "tavix/marshal/message_header.h"
+#include "tavix/marshal/stream_buffers.h"
+#include "tavix/transport/transceiver.h"
+
+namespace TAVIX {
+
+ObjectHelper::ObjectHelper(const SmartPtr<Connection>& connection, const SmartPtr<ObjectAdapter>& adapter,
+                           int32_t messageSize)
+    : m_bodySize(messageSize - HEADER_SIZE), m_connection(connection), m_adapter(adapter) {
+  m_reply.requestId = -1;
+  m_connection->SetInServant(true);
+  const SmartPtr<ITransceiver>& transceiver = m_connection->GetTransceiver();
+  m_transceiverBuf = MakeShared<StreamTransceiverBuf>(transceiver);
+  AttachMessageBuffer(m_input, m_bodySize, m_transceiverBuf);
+  m_socket = static_cast<uint32_t>(transceiver->GetHandle());
+}
+
+ObjectHelper::~ObjectHelper() { m_connection->SetInServant(false); }
+
+void ObjectHelper::Invoke() {
+  RequestHead head;
+  head.read(m_input);
+  m_context.connectionId = m_socket;
+  m_context.objectName = std::move(head.objectName);
+  m_context.operation = std::move(head.operation);
+  m_context.oneway = head.requestId == 0 ? 1 : 0;
+  m_connection->GetTransceiver()->GetPeer(m_context.peerAddress, m_context.peerPort);
+  m_reply.requestId = head.requestId;
+
+  if (m_adapter->GetStatus() != ADAPTER_ACTIVE) {
+    FinishServant(Err::AdapterInactive, 0);
+  } else {
+    Dispatch();
+  }
+  DrainBody();
+  m_input.Clear();
+
+  if (m_context.oneway == 0) {
+    // A servant that never finished still owes its client an answer.
+    if (!m_finished) FinishServant(Err::Unhandled, 0);
+    m_output.Flush();
+    m_output.Clear();
+  }
+}
+
+void ObjectHelper::Dispatch() {
+  // Lowers the count on every way out, a servant's exception included, so
+  // that a deactivating adapter never waits for a request that has gone.
+  struct InvocationGuard {
+    explicit InvocationGuard(ObjectAdapter& a) : adapter(a) { adapter.IncrementInvocations(); }
+    ~InvocationGuard() { adapter.DecrementInvocations(); }
+    InvocationGuard(const InvocationGuard&) = delete;
+    InvocationGuard& operator=(const InvocationGuard&) = delete;
+    ObjectAdapter& adapter;
+  } counted(*m_adapter);
+
+  SmartPtr<Object> servant = m_adapter->FindServant(m_context.objectName);
+  if (!servant) {
+    FinishServant(TavixGetLastError(), 0);
+    return;
+  }
+  servant->Dispatch(*this);
+}
+
+void ObjectHelper::DrainBody() {
+  std::array<uint8_t, 4096> sink;
+  for (int32_t left = m_bodySize - m_input.Size(); left > 0; left = m_bodySize - m_input.Size()) {
+    m_input.readBlob(sink.data(), std::min<int32_t>(left, static_cast<int32_t>(sink.size())));
+  }
+}
+
+void ObjectHelper::PrepareServant() {
+  if (m_context.oneway == 0) m_startTime = platform::SystemTimeAsFileTime();
+}
+
+void ObjectHelper::FinishServant(uint32_t status, int32_t resultLength, const FILETIME& endTime) {
+  m_reply.status = status;
+  if (m_context.oneway != 0) return;
+  m_finished = true;
+  // A reply made before any servant ran has no start to measure from.
+  m_reply.serverTime = m_startTime == 0 ? 0.0 : ElapsedMs(&m_startTime, &endTime);
+  m_replySize += HEADER_SIZE + ReplyHead::lengthOf() + resultLength;
+  AttachMessageBuffer(m_output, m_replySize, m_transceiverBuf);
+  WriteMessageHeader(m_output, MSG_REPLY, m_replySize);
+  m_reply.write(m_output);
+}
+
+void ObjectHelper::FinishServant(uint32_t status, int32_t resultLength) {
+  const FILETIME now = platform::SystemTimeAsFileTime();
+  FinishServant(status, resultLength, now);
+}
+
+}  // namespace TAVIX

@@ -1,0 +1,70 @@
+// One request on its way through the server: reads the request head, finds
+// the servant, lets its skeleton read the arguments and run the operation,
+// and sends the reply the skeleton prepared with FinishServant. The body is
+// read straight from the connection's transceiver as the servant consumes
+// it; the reply goes out through the same transceiver.
+#ifndef TAVIX_INVOKE_OBJECT_HELPER_H_
+#define TAVIX_INVOKE_OBJECT_HELPER_H_
+
+#include <cstdint>
+
+#include "tavix/core/shared.h"
+#include "tavix/invoke/messages.h"
+#include "tavix/marshal/basic_stream.h"
+#include "tavix/platform/clock.h"
+
+namespace TAVIX {
+
+class Connection;
+class ObjectAdapter;
+
+class ObjectHelper {
+ public:
+  // `messageSize` is the request header's size, header included.
+  ObjectHelper(const SmartPtr<Connection>& connection, const SmartPtr<ObjectAdapter>& adapter,
+               int32_t messageSize);
+  virtual ~ObjectHelper();
+  ObjectHelper(const ObjectHelper&) = delete;
+  ObjectHelper& operator=(const ObjectHelper&) = delete;
+
+  // Handles the whole request. Errors of the message or the transport, and
+  // whatever a servant raises, leave here and end the connection.
+  void Invoke();
+
+  // The request body after the RequestHead, and the reply.
+  BasicStream* is() { return &m_input; }
+  BasicStream* os() { return &m_output; }
+  const Context& GetContext() const { return m_context; }
+
+  // Skeletons call this once their in-parameters are read: the start of
+  // the servant's time.
+  void PrepareServant();
+  // Skeletons call one of these once per two-way request, before writing
+  // exactly `resultLength` bytes of results (none when status is not 0).
+  // Writes the reply header and ReplyHead; nothing for a one-way request.
+  void FinishServant(uint32_t status, int32_t resultLength, const FILETIME& endTime);
+  void FinishServant(uint32_t status, int32_t resultLength);
+
+ private:
+  void Dispatch();
+  // Reads and drops what the servant left of the body, so that the next
+  // header read starts at a message boundary.
+  void DrainBody();
+
+  Context m_context;
+  int32_t m_replySize = 0;
+  int32_t m_bodySize;
+  ReplyHead m_reply;
+  SmartPtr<Connection> m_connection;
+  SmartPtr<ObjectAdapter> m_adapter;
+  uint32_t m_socket = 0;
+  FILETIME m_startTime = 0;
+  BasicStream m_input;
+  BasicStream m_output;
+  SmartPtr<ITavixStreamBuf> m_transceiverBuf;
+  bool m_finished = false;
+};
+
+}  // namespace TAVIX
+
+#endif  // TAVIX_INVOKE_OBJECT_HELPER_H_

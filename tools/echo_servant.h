@@ -1,0 +1,43 @@
+// The Echo servant: answers what it is sent. The `tavix serve` command
+// registers it; clients and benchmarks call it to exercise every path of a
+// call (strings, inline blobs, error statuses, slow operations).
+#ifndef TAVIX_TOOLS_ECHO_SERVANT_H_
+#define TAVIX_TOOLS_ECHO_SERVANT_H_
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tavix/core/shared.h"
+#include "tavix/invoke/object.h"
+#include "tavix/marshal/blob.h"
+
+namespace TAVIX {
+
+class EchoServant : public Object {
+ public:
+  static constexpr std::u16string_view kTypeId = u"::TAVIX::Echo";
+
+  // "Echo": the same wide string back.
+  virtual uint32_t Echo(const std::u16string& text, std::u16string& result, const Context& ctx);
+  // "EchoBlob": a blob with the same bytes back.
+  virtual uint32_t EchoBlob(const SmartPtr<ITavixBlob>& blob, SmartPtr<ITavixBlob>& result, const Context& ctx);
+  // "Fail": returns `code` as the status.
+  virtual uint32_t Fail(int32_t code, const Context& ctx);
+  // "Sleep": returns after `milliseconds` (none when negative).
+  virtual uint32_t Sleep(int32_t milliseconds, const Context& ctx);
+
+  void Dispatch(ObjectHelper& request) override;
+  void GetObjectIds(std::vector<std::u16string>& ids) override;
+  std::u16string GetObjectId() override;
+
+  void __Echo(ObjectHelper& request);
+  void __EchoBlob(ObjectHelper& request);
+  void __Fail(ObjectHelper& request);
+  void __Sleep(ObjectHelper& request);
+};
+
+}  // namespace TAVIX
+
+#endif  // TAVIX_TOOLS_ECHO_SERVANT_H_

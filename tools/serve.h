@@ -1,0 +1,22 @@
+// `tavix serve`: serves the Echo servant on the given endpoints until the
+// process is asked to terminate.
+#ifndef TAVIX_TOOLS_SERVE_H_
+#define TAVIX_TOOLS_SERVE_H_
+
+#include <string>
+#include <vector>
+
+namespace TAVIX::tools {
+
+struct ServeOptions {
+  std::vector<std::string> endpoints;  // default: one on every interface, port 5678
+  std::string name = "Echo";
+};
+
+// Exit status: 0 after an orderly shutdown, 1 when an endpoint could not be
+// served.
+int Serve(const ServeOptions& options);
+
+}  // namespace TAVIX::tools
+
+#endif  // TAVIX_TOOLS_SERVE_H_

@@ -1,0 +1,70 @@
+// The `tavix` command-line tool.
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "tavix/platform/signals.h"
+#include "tools/serve.h"
+
+namespace {
+
+constexpr const char* kUsage =
+    "usage: tavix serve [--endpoint \"<endpoint string>\"]... [--name <object-id>]\n"
+    "  --endpoint  an endpoint to listen on (default \"tcp -h #any -p 5678\"); may repeat\n"
+    "  --name      the Echo object's id (default \"Echo\")\n";
+
+int Usage(const char* complaint) {
+  if (complaint != nullptr) std::fprintf(stderr, "tavix: %s\n", complaint);
+  std::fputs(kUsage, stderr);
+  return 2;
+}
+
+// Reads "--option value" or "--option=value" at argv[i]; false when argv[i]
+// is not that option. A missing value leaves `missing` set.
+bool OptionValue(int argc, char** argv, int& i, std::string_view option, std::string& value, bool& missing) {
+  const std::string_view arg = argv[i];
+  if (arg == option) {
+    if (i + 1 >= argc) {
+      missing = true;
+      return true;
+    }
+    value = argv[++i];
+    return true;
+  }
+  if (arg.size() > option.size() && arg.substr(0, option.size()) == option && arg[option.size()] == '=') {
+    value = std::string(arg.substr(option.size() + 1));
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) return Usage(nullptr);
+  if (std::strcmp(argv[1], "serve") != 0) return Usage("unknown command");
+
+  TAVIX::tools::ServeOptions options;
+  for (int i = 2; i < argc; ++i) {
+    std::string value;
+    bool missing = false;
+    if (OptionValue(argc, argv, i, "--endpoint", value, missing)) {
+      if (missing) return Usage("--endpoint needs a value");
+      options.endpoints.push_back(value);
+    } else if (OptionValue(argc, argv, i, "--name", value, missing)) {
+      if (missing || value.empty()) return Usage("--name needs a value");
+      options.name = value;
+    } else {
+      return Usage("unknown option");
+    }
+  }
+
+  // Before any thread starts, so that every thread inherits the mask and
+  // the signals wait for the main thread.
+  if (!TAVIX::platform::BlockTerminationSignals()) {
+    std::fputs("tavix: cannot block the termination signals\n", stderr);
+    return 1;
+  }
+  return TAVIX::tools::Serve(options);
+}
