@@ -35,10 +35,14 @@ class SocketView {
   // `address`; `length` is the buffer size in and the address size out.
   bool Accept(Socket& accepted, void* address, uint32_t& length) const;
   bool PeerName(void* address, uint32_t& length) const;
+  bool LocalName(void* address, uint32_t& length) const;
   // Both directions; wakes every thread blocked in a call on the socket.
   bool Shutdown() const;
 
   bool SetBlocking(bool blocking) const;
+  // Lets a listener bind while old connections of its port linger in
+  // TIME_WAIT; a port with a live listener stays refused.
+  bool SetReuseAddress(bool on) const;
   // Keep-alive probes after `idleMs` of silence, then every `intervalMs`
   // (rounded up to whole seconds, the platform's unit).
   bool SetKeepAlive(bool on, uint32_t idleMs, uint32_t intervalMs) const;

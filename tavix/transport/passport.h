@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "tavix/core/shared.h"
 
@@ -84,7 +85,8 @@ class IpPassport : public IPassport {
   uint16_t Port() const { return m_port; }
 
  private:
-  bool ParseHost(const std::u16string& value);
+  bool Parse(const std::u16string& text);
+  bool ParseHost(std::u16string_view value);
 
   std::u16string m_host = u"0.0.0.0";
   bool m_local = false;

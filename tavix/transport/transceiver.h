@@ -77,6 +77,10 @@ class SockWrapper {
   ~SockWrapper() = default;
 
   platform::Socket m_socket;
+
+ private:
+  // False with ENOTSOCK when there is no socket.
+  bool HasSocket() const;
 };
 
 }  // namespace TAVIX

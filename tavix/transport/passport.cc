@@ -1,0 +1,227 @@
+#include "tavix/transport/passport.h"
+
+#include <algorithm>
+#include <climits>
+#include <string_view>
+#include <vector>
+
+#include "tavix/core/errors.h"
+#include "tavix/core/host_info.h"
+#include "tavix/core/inet_addr.h"
+#include "tavix/core/text.h"
+#include "tavix/transport/tcp_acceptor.h"
+#include "tavix/transport/tcp_transceiver.h"
+
+namespace TAVIX {
+namespace {
+
+constexpr std::u16string_view kSeparators = u" \t\n\r";
+
+std::vector<std::u16string_view> Tokens(std::u16string_view text) {
+  std::vector<std::u16string_view> tokens;
+  size_t start = text.find_first_not_of(kSeparators);
+  while (start != std::u16string_view::npos) {
+    const size_t end = std::min(text.find_first_of(kSeparators, start), text.size());
+    tokens.push_back(text.substr(start, end - start));
+    start = text.find_first_not_of(kSeparators, end);
+  }
+  return tokens;
+}
+
+char16_t FoldCase(char16_t c) { return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c - u'A' + u'a') : c; }
+
+bool EqualsNoCase(std::u16string_view a, std::u16string_view b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                    [](char16_t x, char16_t y) { return FoldCase(x) == FoldCase(y); });
+}
+
+// A leading decimal number: optional sign, digits up to the first other
+// character, 0 without digits. Values beyond 32 bits saturate.
+int32_t ReadDecimal(std::u16string_view text) {
+  size_t pos = 0;
+  bool negative = false;
+  if (pos < text.size() && (text[pos] == u'+' || text[pos] == u'-')) negative = text[pos++] == u'-';
+  int64_t value = 0;
+  for (; pos < text.size() && text[pos] >= u'0' && text[pos] <= u'9'; ++pos) {
+    value = std::min<int64_t>(value * 10 + (text[pos] - u'0'), int64_t{INT32_MAX} + 1);
+  }
+  if (negative) value = -value;
+  return static_cast<int32_t>(std::clamp<int64_t>(value, INT32_MIN, INT32_MAX));
+}
+
+std::u16string_view ProtocolWord(PassportType type) { return type == PASSPORT_UDP ? u"udp" : u"tcp"; }
+
+}  // namespace
+
+IpPassport::IpPassport(const IpPassport& other)
+    : Shared(),
+      IPassport(other),
+      m_host(other.m_host),
+      m_local(other.m_local),
+      m_port(other.m_port),
+      m_timeout(other.m_timeout) {}
+
+IpPassport& IpPassport::operator=(const IpPassport& other) {
+  m_host = other.m_host;
+  m_local = other.m_local;
+  m_port = other.m_port;
+  m_timeout = other.m_timeout;
+  return *this;
+}
+
+bool IpPassport::Create(const std::u16string& text) {
+  if (!Parse(text)) {
+    TavixSetLastError(Err::BadPassportString);
+    return false;
+  }
+  return true;
+}
+
+bool IpPassport::Create(const std::string& text) { return Create(WiddenString(text)); }
+
+// The protocol word and every -h and -p count; a complete endpoint has at
+// least three. The protocol word may only come before -h and -p.
+bool IpPassport::Parse(const std::u16string& text) {
+  const std::vector<std::u16string_view> tokens = Tokens(text);
+  if (tokens.empty()) return false;
+  int32_t counter = 0;
+  for (size_t i = 0; i < tokens.size(); ++i) {
+    const std::u16string_view token = tokens[i];
+    if (EqualsNoCase(token, ProtocolWord(Type()))) {
+      if (counter != 0) return false;
+      counter = 1;
+      continue;
+    }
+    if (token.size() != 2 || token[0] != u'-') return false;
+    std::u16string_view value;
+    if (i + 1 < tokens.size() && tokens[i + 1][0] != u'-') value = tokens[++i];
+    switch (token[1]) {
+      case u'h':
+        if (!ParseHost(value)) return false;
+        ++counter;
+        break;
+      case u'p': {
+        const auto port = static_cast<uint16_t>(ReadDecimal(value));
+        if (port == 0) return false;
+        m_port = port;
+        ++counter;
+        break;
+      }
+      case u't': {
+        const auto timeout = value == u"0" ? 0 : static_cast<uint32_t>(ReadDecimal(value));
+        if (timeout == 0 && value != u"0") return false;
+        m_timeout = timeout;
+        break;
+      }
+      default:
+        return false;
+    }
+  }
+  return counter >= 3;
+}
+
+bool IpPassport::ParseHost(std::u16string_view value) {
+  if (value.empty()) return false;
+  if (value[0] == u'#') {
+    if (value != u"#any") return false;
+    m_local = true;
+    return true;
+  }
+  m_host = value;
+  // A TCP server named by this machine's own name listens everywhere.
+  m_local = Type() == PASSPORT_TCP && EqualsNoCase(value, GetLocalHostName());
+  return true;
+}
+
+std::u16string& IpPassport::toString(std::u16string& out) const {
+  std::u16string text(ProtocolWord(Type()));
+  text += u" -h ";
+  text += m_local ? GetLocalHostName() : m_host;
+  text += u" -p ";
+  text += WiddenString(std::to_string(m_port));
+  text += u" -t ";
+  text += WiddenString(std::to_string(static_cast<int32_t>(m_timeout)));
+  out = std::move(text);
+  return out;
+}
+
+std::string& IpPassport::toString(std::string& out) const {
+  std::u16string wide;
+  out = NarrowString(toString(wide));
+  return out;
+}
+
+bool IpPassport::Conflict(const IPassport& other) const {
+  if (other.Type() != Type()) return false;
+  const auto* ip = dynamic_cast<const IpPassport*>(&other);
+  if (ip == nullptr) return false;
+  if (!m_local && !ip->m_local && !EqualsNoCase(m_host, ip->m_host)) return false;
+  return m_port == ip->m_port;
+}
+
+bool IpPassport::operator==(const IPassport& /*other*/) const { return false; }
+
+bool IpPassport::operator<(const IPassport& /*other*/) const { return false; }
+
+int32_t TcpPassport::CreateClientTransceiver(SmartPtr<ITransceiver>& holder) const {
+  InetAddr address;
+  if (!address.Set(Host().c_str(), Port())) return -1;
+  if (holder && holder->Type() != PASSPORT_TCP) {
+    holder->Close();
+    holder = nullptr;
+  }
+  return TcpTransceiver::Connect(address, holder);
+}
+
+int32_t TcpPassport::CreateServerTransceiver(SmartPtr<ITransceiver>& /*holder*/) const {
+  TavixSetLastError(Err::NeedAcceptor);
+  return -2;
+}
+
+int32_t TcpPassport::CreateAcceptor(SmartPtr<IAcceptor>& holder) const {
+  if (holder && holder->Type() != PASSPORT_TCP) {
+    holder->Close();
+    holder = nullptr;
+  }
+  InetAddr address;
+  if (IsLocal()) {
+    address.SetAny(Port());
+  } else {
+    const std::vector<std::u16string>& own = GetLocalHostIP();
+    if (std::find(own.begin(), own.end(), Host()) == own.end()) {
+      TavixSetLastError(Err::CannotCreateAcceptor);
+      return -2;
+    }
+    if (!address.Set(Host().c_str(), Port())) return -1;
+  }
+  SmartPtr<TcpAcceptor> acceptor = SmartPtr<TcpAcceptor>::DynamicCast(holder);
+  if (acceptor) {
+    acceptor->Close();
+  } else {
+    acceptor = MakeShared<TcpAcceptor>();
+  }
+  acceptor->SetAddress(address);
+  if (acceptor->Open() != 0) return -1;
+  holder = acceptor;
+  return 0;
+}
+
+// Only TCP endpoints are made here; any other protocol word is refused.
+SmartPtr<IPassport> PassportFactory::Create(const std::u16string& text) const {
+  const std::vector<std::u16string_view> tokens = Tokens(text);
+  if (tokens.empty()) {
+    TavixSetLastError(Err::BadPassportString);
+    return nullptr;
+  }
+  if (!EqualsNoCase(tokens.front(), ProtocolWord(PASSPORT_TCP))) {
+    TavixSetLastError(Err::UnsupportedFunction);
+    return nullptr;
+  }
+  SmartPtr<IPassport> passport = MakeShared<TcpPassport>();
+  if (!passport->Create(text)) return nullptr;
+  return passport;
+}
+
+SmartPtr<IPassport> PassportFactory::Create(const std::string& text) const { return Create(WiddenString(text)); }
+
+}  // namespace TAVIX

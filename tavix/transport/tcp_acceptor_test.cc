@@ -1,0 +1,114 @@
+#include "tavix/transport/tcp_acceptor.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <thread>
+
+#include "tavix/core/errors.h"
+#include "tavix/transport/transport_test_util.h"
+
+namespace TAVIX {
+namespace {
+
+using testing::MsSince;
+using Clock = std::chrono::steady_clock;
+
+TEST(TcpAcceptorTest, DefaultsAndReservedSlots) {
+  TcpAcceptor acceptor;
+  EXPECT_TRUE(acceptor.Address().IsAny());
+  EXPECT_EQ(5678, acceptor.Address().Port());
+  EXPECT_EQ(1, acceptor.Type());
+  EXPECT_EQ(-7, acceptor.Extension1(-7));
+  EXPECT_EQ(42, acceptor.Extension2(42));
+  EXPECT_EQ(0, acceptor.Close());
+}
+
+TEST(TcpAcceptorTest, AcceptTimesOutWithHolderUnchanged) {
+  SmartPtr<TcpAcceptor> acceptor = testing::LoopbackAcceptor();
+  EXPECT_NE(0, acceptor->Address().Port());
+  SmartPtr<ITransceiver> holder;
+  const auto start = Clock::now();
+  EXPECT_EQ(0, acceptor->Accept(holder, 100));
+  EXPECT_GE(MsSince(start), 90);
+  EXPECT_FALSE(holder);
+}
+
+TEST(TcpAcceptorTest, AcceptReusesHeldTransceiver) {
+  SmartPtr<TcpAcceptor> acceptor = testing::LoopbackAcceptor();
+  SmartPtr<ITransceiver> first;
+  SmartPtr<ITransceiver> second;
+  ASSERT_EQ(0, TcpTransceiver::Connect(acceptor->Address(), first));
+  ASSERT_EQ(0, TcpTransceiver::Connect(acceptor->Address(), second));
+  SmartPtr<ITransceiver> holder;
+  ASSERT_EQ(0, acceptor->Accept(holder, 2000));
+  ITransceiver* object = holder.get();
+  ASSERT_EQ(0, acceptor->Accept(holder, 2000));
+  EXPECT_EQ(object, holder.get());
+  // The reuse hung up on the first client, who sees the end of its stream.
+  char byte = 0;
+  EXPECT_EQ(0, first->Recv(&byte, 1));
+  ASSERT_EQ(1, second->Send("z", 1));
+  EXPECT_EQ(1, holder->Recvn(&byte, 1));
+  EXPECT_EQ('z', byte);
+}
+
+TEST(TcpAcceptorTest, SecondListenerOnLivePortFailsButClosedPortReopens) {
+  SmartPtr<TcpAcceptor> first = testing::LoopbackAcceptor();
+  const InetAddr address = first->Address();
+  // Leave a connection behind that the server side closed first.
+  SmartPtr<ITransceiver> client;
+  SmartPtr<ITransceiver> served;
+  ASSERT_EQ(0, TcpTransceiver::Connect(address, client));
+  ASSERT_EQ(0, first->Accept(served, 2000));
+  served->Close();
+
+  TcpAcceptor second;
+  second.SetAddress(address);
+  EXPECT_EQ(-1, second.Open());
+  EXPECT_EQ(static_cast<uint32_t>(EADDRINUSE), TavixGetLastError());
+
+  first->Close();
+  EXPECT_EQ(0, second.Open());
+  EXPECT_EQ(address.Port(), second.Address().Port());
+}
+
+// Interrupt must end an Accept that waits without limit, whether the
+// acceptor listens on one address or on every interface.
+TEST(TcpAcceptorTest, InterruptWakesBlockedAccept) {
+  for (const bool everywhere : {false, true}) {
+    SmartPtr<TcpAcceptor> acceptor = MakeShared<TcpAcceptor>();
+    InetAddr address = testing::Loopback(0);
+    if (everywhere) address.SetAny(0);
+    acceptor->SetAddress(address);
+    ASSERT_EQ(0, acceptor->Open());
+    EXPECT_EQ(everywhere, acceptor->Address().IsAny());
+
+    std::atomic<int32_t> result{-9};
+    SmartPtr<ITransceiver> holder;
+    std::thread waiter([&] { result = acceptor->Accept(holder, 0); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    const auto start = Clock::now();
+    EXPECT_EQ(0, acceptor->Interrupt());
+    waiter.join();
+    EXPECT_LT(MsSince(start), 1000);
+    EXPECT_EQ(0, result.load());
+    // The waker hung up at once.
+    ASSERT_TRUE(holder);
+    char byte = 0;
+    EXPECT_EQ(0, holder->Recv(&byte, 1));
+  }
+}
+
+TEST(TcpAcceptorTest, AcceptOnClosedAcceptorFails) {
+  TcpAcceptor acceptor;
+  SmartPtr<ITransceiver> holder;
+  EXPECT_EQ(-1, acceptor.Accept(holder, 10));
+  EXPECT_EQ(static_cast<uint32_t>(ENOTSOCK), TavixGetLastError());
+  EXPECT_FALSE(holder);
+}
+
+}  // namespace
+}  // namespace TAVIX

@@ -1,0 +1,83 @@
+// A connected TCP stream as a transceiver. One thread reads (or waits)
+// while another may send or close; Close wakes a blocked waiter.
+#ifndef TAVIX_TRANSPORT_TCP_TRANSCEIVER_H_
+#define TAVIX_TRANSPORT_TCP_TRANSCEIVER_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tavix/core/locks.h"
+#include "tavix/transport/transceiver.h"
+
+namespace TAVIX {
+
+class TcpTransceiver : public ITransceiver, public SockWrapper {
+ public:
+  // Socket buffers each way.
+  static constexpr int32_t kBufferSize = 65536;
+  // How long Close lets a woken waiter run before the socket goes.
+  static constexpr uint32_t kCloseDelayMs = 55;
+  // Longest a Recvn may stall on a socket that keeps answering "would
+  // block".
+  static constexpr uint32_t kStallLimitMs = 60000;
+  // Send halves its chunk on ENOBUFS only while the chunk is above this.
+  static constexpr int32_t kMinChunk = 8192;
+
+  TcpTransceiver() = default;
+  ~TcpTransceiver() override;
+
+  // The client connection: a fresh socket connected (blocking, no limit) to
+  // `address`, then left in `holder`, whose TcpTransceiver is closed and
+  // reused, or a new one. 0, or -1 with the connect's error; on failure
+  // `holder` is untouched.
+  static int32_t Connect(const InetAddr& address, SmartPtr<ITransceiver>& holder);
+
+  // Takes a connected socket, names its peer and applies the TCP option
+  // set (blocking, 64 KiB buffers, keep-alive). A held socket is closed
+  // first.
+  void Attach(platform::Socket socket, const InetAddr& peer);
+
+  int32_t GetHandle() const override;
+  // A TCP pipe is opened by connecting or accepting: does nothing.
+  int32_t Open() override { return 0; }
+  // Shuts the socket down, waits kCloseDelayMs and closes it. The caller's
+  // last error survives. Closing a closed transceiver does nothing.
+  void Close() override;
+  bool IsOpen() const override;
+  int32_t WaitForRecv(uint32_t timeoutMs) override;
+  bool IsWaiting() const override;
+  int32_t Recv(void* buffer, int32_t length) override;
+  int32_t Recvn(void* buffer, int32_t length) override;
+  int32_t Send(const void* buffer, int32_t length) override;
+  bool GetPeer(std::u16string& address, uint16_t& port) const override;
+  int32_t Type() const override { return 1; }
+  int32_t MaxMessageSize() const override { return 0; }
+  bool IsBroadcast() const override { return false; }
+
+  void SetPeer(const std::u16string& address, uint16_t port);
+  // Waits until the socket takes data; results as WaitForRecv.
+  int32_t WaitForSend(uint32_t timeoutMs);
+
+ private:
+  class Pin;
+
+  // Both run under m_lock. A pinned descriptor stays open, even through a
+  // Close, until its last pin goes.
+  platform::SocketView PinLocked();
+  void UnpinLocked();
+  void ApplyTcpOptionsLocked();
+
+  bool m_waiting = false;
+  mutable SpinLock m_lock;
+  std::u16string m_peerAddress;
+  uint16_t m_peerPort = 0;
+  // Threads inside a socket call, and the sockets that Close shut down
+  // while such calls ran; the last of those threads closes them.
+  int32_t m_pins = 0;
+  std::vector<platform::Socket> m_retired;
+};
+
+}  // namespace TAVIX
+
+#endif  // TAVIX_TRANSPORT_TCP_TRANSCEIVER_H_

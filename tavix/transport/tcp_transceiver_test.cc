@@ -1,0 +1,240 @@
+#include "tavix/transport/tcp_transceiver.h"
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "tavix/core/errors.h"
+#include "tavix/transport/transport_test_util.h"
+
+namespace TAVIX {
+namespace {
+
+using testing::ConnectedPair;
+using testing::MsSince;
+using Clock = std::chrono::steady_clock;
+
+int IntOption(int32_t handle, int level, int name) {
+  int value = -1;
+  socklen_t size = sizeof value;
+  EXPECT_EQ(0, ::getsockopt(handle, level, name, &value, &size));
+  return value;
+}
+
+TEST(TcpTransceiverTest, NeverConnectedTransceiverIsClosedForEveryOperation) {
+  TcpTransceiver transceiver;
+  char buffer[8] = {};
+  EXPECT_FALSE(transceiver.IsOpen());
+  EXPECT_EQ(INVALID_SOCKET, transceiver.GetHandle());
+  EXPECT_EQ(-3, transceiver.WaitForRecv(10));
+  EXPECT_EQ(-3, transceiver.WaitForSend(10));
+  EXPECT_EQ(-3, transceiver.Recv(buffer, 8));
+  EXPECT_EQ(-3, transceiver.Recvn(buffer, 8));
+  EXPECT_EQ(-3, transceiver.Send(buffer, 8));
+  TavixSetLastError(1234);
+  transceiver.Close();
+  EXPECT_EQ(1234u, TavixGetLastError());
+  EXPECT_EQ(0, transceiver.Open());
+  EXPECT_EQ(1, transceiver.Type());
+  EXPECT_EQ(0, transceiver.MaxMessageSize());
+  EXPECT_FALSE(transceiver.IsBroadcast());
+}
+
+TEST(TcpTransceiverTest, LengthsBelowOneAreIllegal) {
+  testing::TcpPair pair = ConnectedPair();
+  char buffer[4] = {};
+  for (int32_t length : {0, -1}) {
+    TavixSetLastError(0);
+    EXPECT_EQ(-2, pair.client->Send(buffer, length));
+    EXPECT_EQ(Err::IllegalBufferSize, TavixGetLastError());
+    TavixSetLastError(0);
+    EXPECT_EQ(-2, pair.server->Recv(buffer, length));
+    EXPECT_EQ(Err::IllegalBufferSize, TavixGetLastError());
+    TavixSetLastError(0);
+    EXPECT_EQ(-2, pair.server->Recvn(buffer, length));
+    EXPECT_EQ(Err::IllegalBufferSize, TavixGetLastError());
+  }
+}
+
+TEST(TcpTransceiverTest, ConnectedPairCarriesPeerAndTcpOptions) {
+  testing::TcpPair pair = ConnectedPair();
+  ASSERT_TRUE(pair.client && pair.server);
+  EXPECT_TRUE(pair.client->IsOpen());
+  EXPECT_NE(INVALID_SOCKET, pair.server->GetHandle());
+
+  // The server sees the client's own address and port, and vice versa.
+  sockaddr_in local{};
+  socklen_t size = sizeof local;
+  ASSERT_EQ(0, ::getsockname(pair.client->GetHandle(), reinterpret_cast<sockaddr*>(&local), &size));
+  std::u16string address;
+  uint16_t port = 0;
+  EXPECT_TRUE(pair.server->GetPeer(address, port));
+  EXPECT_EQ(u"127.0.0.1", address);
+  EXPECT_EQ(ntohs(local.sin_port), port);
+  EXPECT_TRUE(pair.client->GetPeer(address, port));
+  ASSERT_EQ(0, ::getsockname(pair.server->GetHandle(), reinterpret_cast<sockaddr*>(&local), &size));
+  EXPECT_EQ(ntohs(local.sin_port), port);
+
+  for (const auto& side : {pair.client, pair.server}) {
+    const int32_t handle = side->GetHandle();
+    EXPECT_EQ(1, IntOption(handle, SOL_SOCKET, SO_KEEPALIVE));
+    EXPECT_EQ(60, IntOption(handle, IPPROTO_TCP, TCP_KEEPIDLE));
+    EXPECT_EQ(1, IntOption(handle, IPPROTO_TCP, TCP_KEEPINTVL));
+    // The kernel doubles what it is given for its own bookkeeping.
+    EXPECT_GE(IntOption(handle, SOL_SOCKET, SO_SNDBUF), TcpTransceiver::kBufferSize);
+    EXPECT_GE(IntOption(handle, SOL_SOCKET, SO_RCVBUF), TcpTransceiver::kBufferSize);
+  }
+}
+
+TEST(TcpTransceiverTest, WaitForRecvTimesOutThenSeesData) {
+  testing::TcpPair pair = ConnectedPair();
+  const auto start = Clock::now();
+  EXPECT_EQ(-2, pair.server->WaitForRecv(150));
+  EXPECT_EQ(Err::ReceiveTimeout, TavixGetLastError());
+  EXPECT_GE(MsSince(start), 140);
+  EXPECT_FALSE(pair.server->IsWaiting());
+
+  ASSERT_EQ(3, pair.client->Send("abc", 3));
+  EXPECT_EQ(1, pair.server->WaitForRecv(2000));
+  char buffer[8] = {};
+  EXPECT_EQ(3, pair.server->Recv(buffer, sizeof buffer));
+  EXPECT_STREQ("abc", buffer);
+  EXPECT_EQ(1, pair.client->WaitForSend(100));
+}
+
+TEST(TcpTransceiverTest, PeerClosingAfterPartialMessageEndsExactRead) {
+  testing::TcpPair pair = ConnectedPair();
+  ASSERT_EQ(8, pair.client->Send("12345678", 8));
+  pair.client->Close();
+  EXPECT_FALSE(pair.client->IsOpen());
+  // The orderly close counts as readable.
+  EXPECT_EQ(1, pair.server->WaitForRecv(2000));
+  char buffer[20] = {};
+  EXPECT_EQ(0, pair.server->Recvn(buffer, 20));
+  EXPECT_EQ(0, std::memcmp("12345678", buffer, 8));
+  EXPECT_EQ(0, pair.server->Recv(buffer, 20));
+}
+
+TEST(TcpTransceiverTest, SendToVanishedPeerFailsWithoutSignal) {
+  testing::TcpPair pair = ConnectedPair();
+  pair.server->Close();
+  std::vector<char> data(64 * 1024, 'x');
+  int32_t result = 1;
+  // The first sends may still be buffered; the reset arrives soon after.
+  for (int i = 0; i < 100 && result > 0; ++i) {
+    result = pair.client->Send(data.data(), static_cast<int32_t>(data.size()));
+    if (result > 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  EXPECT_EQ(-1, result);
+  const uint32_t error = TavixGetLastError();
+  EXPECT_TRUE(error == EPIPE || error == ECONNRESET) << error;
+  // A failed send leaves the transceiver open; the owner decides.
+  EXPECT_TRUE(pair.client->IsOpen());
+}
+
+TEST(TcpTransceiverTest, CloseFromAnotherThreadWakesWaiter) {
+  testing::TcpPair pair = ConnectedPair();
+  std::atomic<int32_t> result{0};
+  std::atomic<int64_t> wokeAfterMs{-1};
+  const auto start = Clock::now();
+  std::thread waiter([&] {
+    result = pair.server->WaitForRecv(0);
+    wokeAfterMs = MsSince(start);
+  });
+  while (!pair.server->IsWaiting()) std::this_thread::yield();
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  const auto closeStart = Clock::now();
+  pair.server->Close();
+  waiter.join();
+  EXPECT_EQ(-3, result.load());
+  EXPECT_LT(MsSince(closeStart), 1000);
+  EXPECT_GE(wokeAfterMs.load(), 30);
+  EXPECT_FALSE(pair.server->IsWaiting());
+  EXPECT_FALSE(pair.server->IsOpen());
+  // Closing again does nothing.
+  pair.server->Close();
+  EXPECT_EQ(-3, pair.server->WaitForRecv(10));
+}
+
+TEST(TcpTransceiverTest, CloseDuringBlockedExactReadEndsIt) {
+  testing::TcpPair pair = ConnectedPair();
+  std::atomic<int32_t> result{1};
+  std::thread reader([&] {
+    char buffer[20];
+    result = pair.server->Recvn(buffer, 20);
+  });
+  ASSERT_EQ(4, pair.client->Send("part", 4));
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  pair.server->Close();
+  reader.join();
+  // The shut-down socket reads as an orderly end.
+  EXPECT_EQ(0, result.load());
+  EXPECT_EQ(-3, pair.server->Recvn(nullptr, 20));
+}
+
+TEST(TcpTransceiverTest, LargeTransfersArriveIntactBothWays) {
+  testing::TcpPair pair = ConnectedPair();
+  constexpr int32_t kSize = 3 * 1024 * 1024 + 17;
+  std::vector<uint8_t> out(kSize);
+  for (int32_t i = 0; i < kSize; ++i) out[static_cast<size_t>(i)] = static_cast<uint8_t>(i * 7 + i / 251);
+  std::vector<uint8_t> in(kSize);
+  std::vector<uint8_t> back(kSize);
+  std::atomic<int32_t> sent{0};
+  std::thread sender([&] { sent = pair.client->Send(out.data(), kSize); });
+  EXPECT_EQ(kSize, pair.server->Recvn(in.data(), kSize));
+  sender.join();
+  EXPECT_EQ(kSize, sent.load());
+  EXPECT_EQ(out, in);
+
+  std::thread echo([&] { sent = pair.server->Send(in.data(), kSize); });
+  // Single receives hand over whatever has arrived.
+  int32_t got = 0;
+  while (got < kSize) {
+    const int32_t n = pair.client->Recv(back.data() + got, kSize - got);
+    ASSERT_GT(n, 0);
+    got += n;
+  }
+  echo.join();
+  EXPECT_EQ(out, back);
+}
+
+TEST(TcpTransceiverTest, ConnectFailureKeepsHolderAndConnectError) {
+  const uint16_t port = testing::FreePort();  // nobody listens there now
+  SmartPtr<ITransceiver> holder = MakeShared<TcpTransceiver>();
+  ITransceiver* before = holder.get();
+  EXPECT_EQ(-1, TcpTransceiver::Connect(testing::Loopback(port), holder));
+  EXPECT_EQ(static_cast<uint32_t>(ECONNREFUSED), TavixGetLastError());
+  EXPECT_EQ(before, holder.get());
+}
+
+TEST(TcpTransceiverTest, ConnectReusesHeldTransceiverAfterClosingIt) {
+  SmartPtr<TcpAcceptor> acceptor = testing::LoopbackAcceptor();
+  SmartPtr<ITransceiver> holder;
+  ASSERT_EQ(0, TcpTransceiver::Connect(acceptor->Address(), holder));
+  SmartPtr<ITransceiver> first;
+  ASSERT_EQ(0, acceptor->Accept(first, 2000));
+  ITransceiver* object = holder.get();
+
+  ASSERT_EQ(0, TcpTransceiver::Connect(acceptor->Address(), holder));
+  EXPECT_EQ(object, holder.get());
+  EXPECT_TRUE(holder->IsOpen());
+  // The first connection was closed by the reuse.
+  char byte = 0;
+  EXPECT_EQ(0, first->Recv(&byte, 1));
+  SmartPtr<ITransceiver> second;
+  ASSERT_EQ(0, acceptor->Accept(second, 2000));
+  ASSERT_EQ(2, holder->Send("hi", 2));
+  char buffer[2];
+  EXPECT_EQ(2, second->Recvn(buffer, 2));
+}
+
+}  // namespace
+}  // namespace TAVIX

@@ -1,0 +1,78 @@
+#include "tavix/transport/transceiver.h"
+
+#include <cerrno>
+
+#include "tavix/core/inet_addr.h"
+#include "tavix/core/trace_log.h"
+#include "tavix/platform/last_error.h"
+#include "tavix/platform/process.h"
+
+namespace TAVIX {
+namespace {
+
+constexpr uint32_t kKeepAliveIdleMs = 60000;
+constexpr uint32_t kKeepAliveIntervalMs = 1000;
+
+}  // namespace
+
+bool SockWrapper::CreateSocket(platform::SocketType type) { return m_socket.Create(type); }
+
+bool SockWrapper::CloseSocket() {
+  if (!m_socket.IsValid()) return true;
+  const int32_t handle = m_socket.Handle();
+  const bool closed = m_socket.Close();
+  tavixTrace(u"%d: Close Socket %d.\n", platform::ThreadId(), handle);
+  return closed;
+}
+
+bool SockWrapper::ShutdownBoth() { return m_socket.Shutdown(); }
+
+bool SockWrapper::Bind(const InetAddr& address) {
+  return m_socket.Bind(address.SockAddr(), InetAddr::SockAddrLen());
+}
+
+bool SockWrapper::Listen(int32_t backlog) { return m_socket.Listen(backlog); }
+
+bool SockWrapper::SetBlocking(bool blocking) {
+  if (!HasSocket()) return false;
+  return m_socket.SetBlocking(blocking);
+}
+
+bool SockWrapper::SetKeepAlive(bool on) {
+  if (m_socket.SetKeepAlive(on, kKeepAliveIdleMs, kKeepAliveIntervalMs)) return true;
+  tavixTrace(u"WSAIoctl failed(SIO_KEEPALIVE_VALS). error code(%d)\n", platform::LastError());
+  return false;
+}
+
+bool SockWrapper::SetSendBufSize(int32_t bytes) {
+  if (!HasSocket()) return false;
+  return m_socket.SetSendBufSize(bytes);
+}
+
+bool SockWrapper::SetRecvBufSize(int32_t bytes) {
+  if (!HasSocket()) return false;
+  return m_socket.SetRecvBufSize(bytes);
+}
+
+bool SockWrapper::SetBroadcast(bool on) {
+  if (!HasSocket()) return false;
+  return m_socket.SetBroadcast(on);
+}
+
+int32_t SockWrapper::GetBroadcast() const {
+  if (!HasSocket()) return -1;
+  return m_socket.GetBroadcast();
+}
+
+bool SockWrapper::IoCtl(uint32_t request, uint32_t* argument) {
+  if (!HasSocket()) return false;
+  return m_socket.IoCtl(request, argument);
+}
+
+bool SockWrapper::HasSocket() const {
+  if (m_socket.IsValid()) return true;
+  platform::SetLastError(ENOTSOCK);
+  return false;
+}
+
+}  // namespace TAVIX
