@@ -1,0 +1,141 @@
+#include "tavix/transport/tcp_connection_factory.h"
+
+#include <utility>
+
+#include "tavix/adapter/object_adapter.h"
+#include "tavix/core/trace_log.h"
+#include "tavix/invoke/connection.h"
+#include "tavix/platform/process.h"
+#include "tavix/transport/acceptor.h"
+#include "tavix/transport/passport.h"
+#include "tavix/transport/transceiver.h"
+
+namespace TAVIX {
+
+TcpConnectionFactory::TcpConnectionFactory(const SmartPtr<IPassport>& passport,
+                                           const SmartPtr<ObjectAdapter>& adapter)
+    : m_passport(passport), m_adapter(adapter) {}
+
+TcpConnectionFactory::~TcpConnectionFactory() {
+  if (!m_acceptThread || m_acceptThread->ThreadId() == platform::ThreadId()) return;
+  m_active.store(0);
+  if (SmartPtr<IAcceptor> acceptor = Acceptor()) acceptor->Interrupt();
+  m_acceptThread->Join(INFINITE_WAIT, true);
+}
+
+SmartPtr<IAcceptor> TcpConnectionFactory::Acceptor() {
+  ScopedLock guard(m_acceptorLock);
+  return m_acceptor;
+}
+
+bool TcpConnectionFactory::Activate() {
+  if (IsActive()) return true;
+  SmartPtr<IAcceptor> acceptor = Acceptor();
+  const int32_t opened = m_passport->CreateAcceptor(acceptor);
+  {
+    ScopedLock guard(m_acceptorLock);
+    m_acceptor = acceptor;
+  }
+  if (opened < 0) return false;
+  m_acceptThread = MakeShared<ThreadPerTcpConnectionFactory>(this);
+  m_active.store(1);
+  m_acceptThread->Start();
+  return true;
+}
+
+void TcpConnectionFactory::Destroy() {
+  if (!IsActive() || !Acceptor()) return;
+  ScopedLock guard(m_liveLock);
+  for (const SmartPtr<Connection>& connection : m_liveConnections) connection->Destroy();
+}
+
+bool TcpConnectionFactory::ConnectionClosed(const SmartPtr<Connection>& connection, TavixDisconnectReason reason) {
+  if (connection) {
+    ScopedLock guard(m_closedLock);
+    m_closedConnections.push_back(connection);
+  }
+  m_adapter->DisconnectNotify(reason);
+  return true;
+}
+
+void TcpConnectionFactory::WaitUntilDestroy() {
+  const SmartPtr<IAcceptor> acceptor = Acceptor();
+  if (!acceptor || !m_acceptThread) return;
+  {
+    // Held across the waits, so the accept loop cannot add a connection
+    // meanwhile; ending connections report through the closed list only.
+    ScopedLock guard(m_liveLock);
+    for (const SmartPtr<Connection>& connection : m_liveConnections) connection->WaitUntilDestroy();
+    m_liveConnections.clear();
+  }
+  m_active.store(0);
+  acceptor->Interrupt();
+  if (m_acceptThread->Join(INFINITE_WAIT, true) == 0) {
+    TraceLog::Write(u"%d TcpConnectionFactory shutdown timeout.", platform::ThreadId());
+    acceptor->Close();
+  }
+}
+
+uint32_t TcpConnectionFactory::AcceptLoop() {
+  while (IsActive()) {
+    SmartPtr<ITransceiver> transceiver;
+    const int32_t accepted = Acceptor()->Accept(transceiver, kAcceptTickMs);
+    if (!IsActive()) {
+      if (transceiver) transceiver->Close();
+      break;
+    }
+    // A failed wait or accept stops accepting for good; the flag stays set.
+    if (accepted < 0) break;
+    if (transceiver && m_adapter->GetStatus() == ADAPTER_DESTROYING) {
+      transceiver->Close();
+      transceiver = nullptr;
+      tavixTrace(u"Adpter is Destroying,Connection closed\n");
+    }
+    bool anyClosed = false;
+    {
+      ScopedLock guard(m_closedLock);
+      anyClosed = !m_closedConnections.empty();
+    }
+    if (anyClosed) ReapClosedConnections();
+    if (transceiver) Serve(transceiver);
+  }
+  Acceptor()->Close();
+  return 0;
+}
+
+void TcpConnectionFactory::Serve(const SmartPtr<ITransceiver>& transceiver) {
+  SmartPtr<Connection> connection = MakeShared<Connection>(SmartPtr<IConnectionFactory>(this));
+  connection->SetTransceiver(transceiver);
+  if (!connection->Activate()) {
+    connection->Destroy();
+    connection->WaitUntilDestroy();
+    return;
+  }
+  ScopedLock guard(m_liveLock);
+  m_liveConnections.insert(connection);
+  tavixTrace(u"%d client connected\n", static_cast<int32_t>(m_liveConnections.size()));
+}
+
+// A connection is taken out of the live set before it is waited for, and
+// only when it is still there: WaitUntilDestroy may already have waited for
+// it, and a connection is never waited for by two threads at once.
+void TcpConnectionFactory::ReapClosedConnections() {
+  std::vector<SmartPtr<Connection>> closed;
+  {
+    ScopedLock guard(m_closedLock);
+    tavixTrace(u"Wait for delete connection:%d\n", static_cast<int32_t>(m_closedConnections.size()));
+    closed.swap(m_closedConnections);
+  }
+  for (const SmartPtr<Connection>& connection : closed) {
+    size_t removed = 0;
+    {
+      ScopedLock guard(m_liveLock);
+      removed = m_liveConnections.erase(connection);
+    }
+    if (removed == 0) continue;
+    connection->Destroy();
+    connection->WaitUntilDestroy();
+  }
+}
+
+}  // namespace TAVIX
