@@ -16,9 +16,9 @@ using testing::Bytes;
 using testing::Sink;
 using testing::Source;
 
-// An in-memory pipe: sends are recorded (taking at most `sendSplit` bytes a
-// call), receives are served from `incoming` in pieces of at most
-// `recvSplit`. A scripted result replaces the transfer when set.
+// An in-memory pipe. Each send takes at most `sendTake` bytes and each
+// receive delivers at most `recvTake`; a value of 0 or below is returned
+// as the transfer's result instead.
 class FakeTransceiver : public ITransceiver {
  public:
   int32_t GetHandle() const override { return 7; }
@@ -29,19 +29,18 @@ class FakeTransceiver : public ITransceiver {
   bool IsWaiting() const override { return false; }
   int32_t Recv(void* buffer, int32_t length) override { return Recvn(buffer, length); }
   int32_t Recvn(void* buffer, int32_t length) override {
-    recvAsks.push_back(length);
-    if (recvResult != 0) return recvResult;
-    const auto n = static_cast<int32_t>(std::min<size_t>({size_t(length), size_t(recvSplit), incoming.size() - readAt}));
-    std::memcpy(buffer, incoming.data() + readAt, static_cast<size_t>(n));
-    readAt += static_cast<size_t>(n);
-    return n;
+    if (recvTake <= 0) return recvTake;
+    const auto n = std::min({static_cast<size_t>(length), static_cast<size_t>(recvTake), incoming.size() - readAt});
+    std::memcpy(buffer, incoming.data() + readAt, n);
+    readAt += n;
+    return static_cast<int32_t>(n);
   }
   int32_t Send(const void* buffer, int32_t length) override {
     sends.push_back(length);
-    if (sendResult != 0) return sendResult;
-    const int32_t n = std::min(length, sendSplit);
-    sent.insert(sent.end(), static_cast<const uint8_t*>(buffer), static_cast<const uint8_t*>(buffer) + n);
-    return n;
+    if (sendTake <= 0) return sendTake;
+    const auto* p = static_cast<const uint8_t*>(buffer);
+    sent.insert(sent.end(), p, p + std::min(length, sendTake));
+    return std::min(length, sendTake);
   }
   bool GetPeer(std::u16string&, uint16_t&) const override { return false; }
   int32_t Type() const override { return 1; }
@@ -49,14 +48,11 @@ class FakeTransceiver : public ITransceiver {
   bool IsBroadcast() const override { return false; }
 
   Bytes sent;
+  std::vector<int32_t> sends;
   Bytes incoming;
   size_t readAt = 0;
-  int32_t sendSplit = 0x7FFFFFFF;
-  int32_t recvSplit = 0x7FFFFFFF;
-  int32_t sendResult = 0;
-  int32_t recvResult = 0;
-  std::vector<int32_t> sends;
-  std::vector<int32_t> recvAsks;
+  int32_t sendTake = 0x7FFFFFFF;
+  int32_t recvTake = 0x7FFFFFFF;
 };
 
 uint32_t CodeOf(const std::function<void()>& f) {
@@ -172,7 +168,7 @@ TEST(StreamMemBuf, ReadingNeverAsksPastTheMessage) {
 
 TEST(StreamTransceiverBuf, MessagesOverManyBlocksBothWays) {
   SmartPtr<FakeTransceiver> pipe(new FakeTransceiver());
-  pipe->sendSplit = 50000;  // the transceiver takes part of each block
+  pipe->sendTake = 50000;  // the transceiver takes part of each block
   std::vector<int32_t> numbers(100000);
   std::iota(numbers.begin(), numbers.end(), 0);
   const std::u16string text(1000, u'\u4E2D');
@@ -192,7 +188,7 @@ TEST(StreamTransceiverBuf, MessagesOverManyBlocksBothWays) {
   for (const int32_t n : pipe->sends) EXPECT_LE(n, 65536);
 
   pipe->incoming = pipe->sent;
-  pipe->recvSplit = 1234;
+  pipe->recvTake = 1234;
   BasicStream r;
   AttachMessageBuffer(r, total, SmartPtr<ITavixStreamBuf>(new StreamTransceiverBuf(pipe)));
   std::vector<int32_t> numbersBack;
@@ -207,14 +203,13 @@ TEST(StreamTransceiverBuf, ClosedAndFailedTransfersRaise) {
   SmartPtr<FakeTransceiver> pipe(new FakeTransceiver());
   StreamTransceiverBuf end(pipe);
   uint8_t byte = 0;
-  pipe->sendResult = 0;
-  pipe->sendSplit = 0;
+  pipe->sendTake = 0;
+  pipe->recvTake = 0;
   EXPECT_EQ(CodeOf([&] { end.sputn(&byte, 1); }), Err::ConnectionClosed);
   EXPECT_EQ(CodeOf([&] { end.sgetn(&byte, 1); }), Err::ConnectionClosed);
   for (const int32_t failure : {-1, -2, -3}) {
     TavixSetLastError(ECONNRESET);
-    pipe->sendResult = failure;
-    pipe->recvResult = failure;
+    pipe->sendTake = pipe->recvTake = failure;
     EXPECT_EQ(CodeOf([&] { end.sputn(&byte, 1); }), static_cast<uint32_t>(ECONNRESET));
     EXPECT_EQ(CodeOf([&] { end.sgetn(&byte, 1); }), static_cast<uint32_t>(ECONNRESET));
   }
