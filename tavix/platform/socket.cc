@@ -41,6 +41,22 @@ int KeepAliveSeconds(uint32_t ms) { return static_cast<int>(std::max<uint32_t>(1
 
 }  // namespace
 
+bool IsAbandonedConnection(uint32_t acceptError) {
+  switch (acceptError) {
+    case ECONNABORTED:
+    case EPROTO:
+    case ENETDOWN:
+    case ENETUNREACH:
+    case EHOSTDOWN:
+    case EHOSTUNREACH:
+    case ENONET:
+    case ENOPROTOOPT:
+      return true;
+    default:
+      return false;
+  }
+}
+
 bool SocketView::Bind(const void* address, uint32_t length) const {
   return Retried([&] { return ::bind(m_handle, static_cast<const sockaddr*>(address), length); }) == 0;
 }

@@ -19,6 +19,11 @@ enum class PollFor { kRead, kWrite };
 
 class Socket;
 
+// True for the errors with which accept reports a client that gave up
+// between its connect and the accept: nobody is left to serve, but the
+// listener is fine.
+bool IsAbandonedConnection(uint32_t acceptError);
+
 class SocketView {
  public:
   constexpr SocketView() = default;

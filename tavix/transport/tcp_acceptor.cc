@@ -65,6 +65,7 @@ int32_t TcpAcceptor::Accept(SmartPtr<ITransceiver>& holder, uint32_t timeoutMs) 
   InetAddr peer;
   uint32_t length = InetAddr::SockAddrLen();
   if (!m_socket.Accept(accepted, peer.SockAddr(), length)) {
+    if (platform::IsAbandonedConnection(platform::LastError())) return 0;
     tavixTrace(u"TcpAcceptor::Accept, accept error:%d,%s\n", platform::LastError(), ErrorText());
     return -1;
   }

@@ -31,7 +31,8 @@ class TcpAcceptor : public IAcceptor, public SockWrapper {
   int32_t Open() override;
   int32_t Close() override;
   // Accepted sockets become TcpTransceivers with their peer set and the TCP
-  // option set applied.
+  // option set applied. A client that gave up before it was accepted
+  // counts as nobody.
   int32_t Accept(SmartPtr<ITransceiver>& holder, uint32_t timeoutMs) override;
   int32_t Type() const override { return 1; }
   // Connects to the listening address (this machine's own address when

@@ -16,16 +16,6 @@ namespace {
 using testing::MsSince;
 using Clock = std::chrono::steady_clock;
 
-TEST(TcpAcceptorTest, DefaultsAndReservedSlots) {
-  TcpAcceptor acceptor;
-  EXPECT_TRUE(acceptor.Address().IsAny());
-  EXPECT_EQ(5678, acceptor.Address().Port());
-  EXPECT_EQ(1, acceptor.Type());
-  EXPECT_EQ(-7, acceptor.Extension1(-7));
-  EXPECT_EQ(42, acceptor.Extension2(42));
-  EXPECT_EQ(0, acceptor.Close());
-}
-
 TEST(TcpAcceptorTest, AcceptTimesOutWithHolderUnchanged) {
   SmartPtr<TcpAcceptor> acceptor = testing::LoopbackAcceptor();
   EXPECT_NE(0, acceptor->Address().Port());

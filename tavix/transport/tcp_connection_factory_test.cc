@@ -206,6 +206,16 @@ TEST_F(TcpConnectionFactoryTest, ActivateOnForeignAddressFails) {
   m_factory->WaitUntilDestroy();  // no acceptor, no thread: returns at once
 }
 
+TEST_F(TcpConnectionFactoryTest, DroppingAnActiveFactoryStopsItsAcceptThread) {
+  MakeFactory();
+  ASSERT_TRUE(m_factory->Activate());
+  const auto start = Clock::now();
+  m_factory = nullptr;
+  EXPECT_LT(MsSince(start), static_cast<int64_t>(TcpConnectionFactory::kAcceptTickMs) / 2);
+  SmartPtr<ITransceiver> refused;
+  EXPECT_EQ(-1, m_passport->CreateClientTransceiver(refused));
+}
+
 TEST_F(TcpConnectionFactoryTest, EveryInterfaceListenerStopsPromptly) {
   MakeFactory(u"#any");
   ASSERT_TRUE(m_factory->Activate());
