@@ -6,10 +6,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
 
+#include "tavix/core/host_info.h"
 #include "tavix/invoke/wire_test_util.h"
 
 extern char** environ;

@@ -15,10 +15,10 @@
 #include "tavix/core/locks.h"
 #include "tavix/core/shared.h"
 #include "tavix/invoke/object.h"
+#include "tavix/transport/passport.h"
 
 namespace TAVIX {
 
-class IPassport;
 class IConnectionFactory;
 
 enum ObjectAdapterStatus : int32_t {
