@@ -1,0 +1,166 @@
+#include "tavix/invoke/proxy_object.h"
+
+#include "tavix/core/communicator.h"
+#include "tavix/core/errors.h"
+#include "tavix/core/trace_log.h"
+#include "tavix/invoke/connection.h"
+#include "tavix/invoke/proxy_helper.h"
+#include "tavix/transport/transceiver.h"
+
+namespace TAVIX {
+
+namespace {
+
+// Operation names live for the whole process: ProxyHelper keeps a
+// reference to them.
+const std::u16string& ObjectIsAName() {
+  static const std::u16string name(u"ObjectIsA");
+  return name;
+}
+
+const std::u16string& ObjectPingName() {
+  static const std::u16string name(u"ObjectPing");
+  return name;
+}
+
+const std::u16string& SendBlobName() {
+  static const std::u16string name(u"ProxyObject::SendBlobWithoutOutParam");
+  return name;
+}
+
+uint32_t LastErrorOr(uint32_t fallback) {
+  const uint32_t code = TavixGetLastError();
+  return code != 0 ? code : fallback;
+}
+
+}  // namespace
+
+ProxyObject::ProxyObject() = default;
+
+ProxyObject::~ProxyObject() {
+  if (m_connection && m_communicator && !m_communicator->IsShutdown()) {
+    m_communicator->Finish(m_connection);
+  }
+}
+
+void ProxyObject::Bind(const SmartPtr<Communicator>& communicator, const SmartPtr<IPassport>& passport,
+                       const std::u16string& objectName) {
+  ScopedLock guard(m_callLock);
+  if (m_connection && m_communicator) m_communicator->Finish(m_connection);
+  m_connection = nullptr;
+  m_communicator = communicator;
+  m_passport = passport;
+  m_objectName = objectName;
+}
+
+void ProxyObject::AutoReconnect(bool on) { m_autoReconnect.store(on ? 1 : 0); }
+
+bool ProxyObject::AutoReconnect() const { return m_autoReconnect.load() != 0; }
+
+void ProxyObject::Timeout(uint32_t timeoutMs) { m_passport->Timeout(timeoutMs); }
+
+uint32_t ProxyObject::Timeout() const { return m_passport->Timeout(); }
+
+void ProxyObject::GetObjectIds(std::vector<std::u16string>& ids) { ids.emplace_back(kTypeId); }
+
+std::u16string ProxyObject::GetObjectId() { return std::u16string(kTypeId); }
+
+uint32_t ProxyObject::Setup() {
+  ScopedLock guard(m_callLock);
+  if (m_communicator->IsShutdown()) return Err::CommunicatorClosed;
+  if (m_connection) {
+    if (m_connection->GetState() == Connection::StateConnected) return 0;
+    if (!AutoReconnect()) return Err::ProxyClosed;
+  } else {
+    m_connection = MakeShared<Connection>();
+  }
+
+  // The passport reuses the transceiver the connection already has.
+  SmartPtr<ITransceiver> transceiver = m_connection->GetTransceiver();
+  if (m_passport->CreateClientTransceiver(transceiver) < 0) {
+    const uint32_t e = LastErrorOr(Err::ConnectionClosed);
+    m_connection->SetState(Connection::StateClosed);
+    return e;
+  }
+  m_connection->SetTransceiver(transceiver);
+  m_connection->SetState(Connection::StateValidating);
+
+  // The validation read itself has no time limit; a server that accepts
+  // but never validates must not hold the caller past the time-out.
+  const uint32_t timeout = Timeout();
+  const bool stream = transceiver->Type() == PASSPORT_TCP;
+  int r = timeout != 0 && stream ? transceiver->WaitForRecv(timeout) : 1;
+  if (r > 0) r = m_connection->Validate(timeout);
+  if (r < 0) {
+    const uint32_t e = LastErrorOr(Err::ConnectionClosed);
+    m_connection->SetState(Connection::StateClosed);
+    std::u16string text;
+    tavixTrace(u"ProxyObject Setup Validate error:%d,%s\n", e, GetErrMsg(e, text));
+    return e;
+  }
+  m_connection->SetState(Connection::StateConnected);
+  // Known to the communicator, the connection gets its close message when
+  // the proxy goes or the runtime shuts down.
+  m_communicator->RegisterConnection(m_connection);
+  return 0;
+}
+
+uint32_t ProxyObject::ObjectIsA(const std::u16string& typeId, bool& result) {
+  ProxyHelper call(this, ObjectIsAName(), TwoWay, ProxyHelper::NoBlob, BasicStream::lengthOf(typeId));
+  try {
+    if (const uint32_t r = call.PrepareIPC(); r != 0) return r;
+    call.os()->write(typeId);
+    if (const uint32_t r = call.InvokeIPC(); r != 0) return r;
+    bool answer = false;
+    call.is()->read(answer);
+    const uint32_t r = call.FinishIPC();
+    result = answer;
+    return r;
+  } catch (const TavixException& e) {
+    return call.OnException(e);
+  }
+}
+
+uint32_t ProxyObject::ObjectPing() {
+  ProxyHelper call(this, ObjectPingName(), TwoWay, ProxyHelper::NoBlob, 0);
+  try {
+    if (const uint32_t r = call.PrepareIPC(); r != 0) return r;
+    if (const uint32_t r = call.InvokeIPC(); r != 0) return r;
+    return call.FinishIPC();
+  } catch (const TavixException& e) {
+    return call.OnException(e);
+  }
+}
+
+uint32_t ProxyObject::SendBlobWithoutOutParam(const SmartPtr<ITavixBlob>& blob, bool oneway) {
+  if (!blob) return Err::NullPointer;
+  const uint64_t size = blob->Size();
+  if (size < static_cast<uint64_t>(HEADER_SIZE) || size > static_cast<uint64_t>(MAX_MESSAGE_SIZE)) {
+    return Err::IllegalSize;
+  }
+  ProxyHelper call(this, SendBlobName(), oneway ? OneWay : TwoWay, ProxyHelper::BlobAsRequest,
+                   static_cast<int32_t>(size));
+  try {
+    if (const uint32_t r = call.PrepareIPC(); r != 0) return r;
+    call.os()->writeBlob(blob);
+    if (const uint32_t r = call.InvokeIPC(); r != 0 || oneway) return r;
+    return call.FinishIPC();
+  } catch (const TavixException& e) {
+    return call.OnException(e);
+  }
+}
+
+bool ParseProxyString(const std::u16string& text, std::u16string& objectName, SmartPtr<IPassport>& passport) {
+  const size_t colon = text.find(u':');
+  if (colon == std::u16string::npos || colon == 0) {
+    TavixSetLastError(Err::BadProxyString);
+    return false;
+  }
+  SmartPtr<IPassport> made = PassportFactory().Create(text.substr(colon + 1));
+  if (!made) return false;
+  objectName = text.substr(0, colon);
+  passport = made;
+  return true;
+}
+
+}  // namespace TAVIX

@@ -1,0 +1,125 @@
+// The client-side representative of one remote object: the endpoint's
+// passport, the object name under which the servant is registered, and the
+// proxy's own connection, opened and validated at the first call. Every
+// application proxy derives from ProxyObject and adds one method per remote
+// operation (see typed_call.h for the short way to write them).
+#ifndef TAVIX_INVOKE_PROXY_OBJECT_H_
+#define TAVIX_INVOKE_PROXY_OBJECT_H_
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "tavix/core/locks.h"
+#include "tavix/core/shared.h"
+#include "tavix/core/text.h"
+#include "tavix/invoke/messages.h"
+#include "tavix/marshal/blob.h"
+#include "tavix/transport/passport.h"
+
+namespace TAVIX {
+
+class Communicator;
+class Connection;
+
+class ProxyObject : public virtual Shared {
+ public:
+  ProxyObject();
+  // Sends the close message on a connection the communicator still knows.
+  ~ProxyObject() override;
+  ProxyObject(const ProxyObject&) = delete;
+  ProxyObject& operator=(const ProxyObject&) = delete;
+
+  // Remote operations return 0, a library code, or the servant's status.
+  virtual uint32_t ObjectIsA(const std::u16string& typeId, bool& result);
+  virtual uint32_t ObjectPing();
+  // Local: the interface ids this proxy stands for.
+  virtual void GetObjectIds(std::vector<std::u16string>& ids);
+  virtual std::u16string GetObjectId();
+
+  // Whether a connection closed by a failure is reopened by the next call.
+  void AutoReconnect(bool on);
+  bool AutoReconnect() const;
+  // The reply time-out of every call, kept in the passport; 0 waits
+  // without limit.
+  void Timeout(uint32_t timeoutMs);
+  uint32_t Timeout() const;
+  // The last call's timings and sizes; read it on the calling thread.
+  const TavixPerfmon& GetLastPerfmon() const { return m_perfmon; }
+
+  // Sends the blob's bytes unchanged as one complete request message (for
+  // example one recorded with ProxyHelper's RequestToBlob mode). One-way
+  // returns once the bytes are sent; two-way returns the reply's status
+  // whatever request id the reply carries, and reads no results.
+  uint32_t SendBlobWithoutOutParam(const SmartPtr<ITavixBlob>& blob, bool oneway);
+
+  // Gives the proxy its runtime, endpoint and object name. A connection
+  // the proxy already had is finished first. CreateProxy does this.
+  void Bind(const SmartPtr<Communicator>& communicator, const SmartPtr<IPassport>& passport,
+            const std::u16string& objectName);
+  const SmartPtr<Communicator>& GetCommunicator() const { return m_communicator; }
+  const SmartPtr<IPassport>& GetPassport() const { return m_passport; }
+  const std::u16string& ObjectName() const { return m_objectName; }
+
+  static constexpr std::u16string_view kTypeId = u"::TAVIX::Object";
+
+ protected:
+  // Makes the connection ready for a call: connects and validates on the
+  // first call, and again after a failure when auto-reconnect is on.
+  // Returns 0 or the code of the failure.
+  uint32_t Setup();
+
+ private:
+  friend class ProxyHelper;
+
+  SmartPtr<IPassport> m_passport;
+  std::u16string m_objectName;
+  SmartPtr<Connection> m_connection;
+  RecLock m_callLock;
+  SmartPtr<Communicator> m_communicator;
+  std::atomic<int32_t> m_autoReconnect{0};
+  TavixPerfmon m_perfmon;
+};
+
+// Splits a proxy string as an adapter prints it, "object-id:endpoint" (the
+// id ends at the first ':'), and makes the endpoint's passport. False with
+// 0x2000000A when there is no ':' or the id is empty, or with the passport
+// factory's error when the endpoint is bad.
+bool ParseProxyString(const std::u16string& text, std::u16string& objectName,
+                      SmartPtr<IPassport>& passport);
+
+// A proxy of class T (ProxyObject or a class derived from it) for the
+// object a proxy string names, belonging to `communicator`; null on a bad
+// string, with the error ParseProxyString left. Nothing is connected yet.
+template <class T = ProxyObject>
+SmartPtr<T> CreateProxy(const SmartPtr<Communicator>& communicator, const std::u16string& proxyString) {
+  static_assert(std::is_base_of_v<ProxyObject, T>, "proxies derive from ProxyObject");
+  std::u16string objectName;
+  SmartPtr<IPassport> passport;
+  if (!ParseProxyString(proxyString, objectName, passport)) return nullptr;
+  SmartPtr<T> proxy = MakeShared<T>();
+  static_cast<ProxyObject&>(*proxy).Bind(communicator, passport, objectName);
+  return proxy;
+}
+
+template <class T = ProxyObject>
+SmartPtr<T> CreateProxy(const SmartPtr<Communicator>& communicator, const std::string& proxyString) {
+  return CreateProxy<T>(communicator, WiddenString(proxyString));
+}
+
+// Keeps string literals from choosing between the two forms above.
+template <class T = ProxyObject>
+SmartPtr<T> CreateProxy(const SmartPtr<Communicator>& communicator, const char16_t* proxyString) {
+  return CreateProxy<T>(communicator, std::u16string(proxyString));
+}
+
+template <class T = ProxyObject>
+SmartPtr<T> CreateProxy(const SmartPtr<Communicator>& communicator, const char* proxyString) {
+  return CreateProxy<T>(communicator, WiddenString(proxyString));
+}
+
+}  // namespace TAVIX
+
+#endif  // TAVIX_INVOKE_PROXY_OBJECT_H_
