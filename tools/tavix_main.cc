@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "tavix/platform/signals.h"
+#include "tools/client_commands.h"
 #include "tools/serve.h"
 
 namespace {
@@ -17,6 +18,7 @@ constexpr const char* kUsage =
 int Usage(const char* complaint) {
   if (complaint != nullptr) std::fprintf(stderr, "tavix: %s\n", complaint);
   std::fputs(kUsage, stderr);
+  std::fputs(TAVIX::tools::kClientUsage, stderr);
   return 2;
 }
 
@@ -43,6 +45,8 @@ bool OptionValue(int argc, char** argv, int& i, std::string_view option, std::st
 
 int main(int argc, char** argv) {
   if (argc < 2) return Usage(nullptr);
+  if (std::strcmp(argv[1], "ping") == 0) return TAVIX::tools::Ping(argc - 2, argv + 2);
+  if (std::strcmp(argv[1], "call") == 0) return TAVIX::tools::Call(argc - 2, argv + 2);
   if (std::strcmp(argv[1], "serve") != 0) return Usage("unknown command");
 
   TAVIX::tools::ServeOptions options;

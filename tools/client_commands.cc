@@ -1,0 +1,149 @@
+#include "tools/client_commands.h"
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tavix/core/communicator.h"
+#include "tavix/core/errors.h"
+#include "tavix/core/text.h"
+#include "tools/echo_proxy.h"
+
+namespace TAVIX::tools {
+
+const char* const kClientUsage =
+    "       tavix ping <proxy-string> [--count N] [--oneway] [--timeout MS]\n"
+    "       tavix call <proxy-string> echo <text> | isa <type-id> [--timeout MS]\n"
+    "  <proxy-string>  \"object-id:endpoint\" as serve prints it, e.g. \"Echo:tcp -h host -p 5678 -t 0\"\n"
+    "  --count         number of pings (default 1)\n"
+    "  --oneway        send one-way pings (the time is the sending time)\n"
+    "  --timeout       reply time-out in milliseconds, replacing the proxy string's\n";
+
+namespace {
+
+int Usage(const char* command, const char* complaint) {
+  std::fprintf(stderr, "tavix %s: %s\n", command, complaint);
+  std::fputs(kClientUsage, stderr);
+  return 2;
+}
+
+int Failure(const char* command, const std::string& what, uint32_t code) {
+  std::string text;
+  GetErrMsg(code, text);
+  std::fprintf(stderr, "tavix %s: %s: 0x%08X %s\n", command, what.c_str(), code, text.c_str());
+  return 1;
+}
+
+// A whole decimal number in [minimum, 2^31); false otherwise.
+bool ParseCount(std::string_view text, int32_t minimum, int32_t& value) {
+  if (text.empty() || text.size() > 10) return false;
+  int64_t n = 0;
+  for (const char c : text) {
+    if (c < '0' || c > '9') return false;
+    n = n * 10 + (c - '0');
+  }
+  if (n < minimum || n > INT32_MAX) return false;
+  value = static_cast<int32_t>(n);
+  return true;
+}
+
+// The proxy string and the words after it, with the shared options taken
+// out.
+struct ClientArgs {
+  std::string proxyString;
+  std::vector<std::string> words;
+  int32_t count = 1;
+  bool oneway = false;
+  int32_t timeoutMs = -1;  // -1: as the proxy string says
+};
+
+// Null, with the message already printed, when the arguments are unusable.
+const char* ParseArgs(int argc, char** argv, bool pingOptions, ClientArgs& args) {
+  for (int i = 0; i < argc; ++i) {
+    const std::string_view arg = argv[i];
+    if (arg == "--timeout") {
+      if (i + 1 >= argc || !ParseCount(argv[++i], 0, args.timeoutMs)) return "--timeout needs milliseconds";
+    } else if (pingOptions && arg == "--count") {
+      if (i + 1 >= argc || !ParseCount(argv[++i], 1, args.count)) return "--count needs a number above 0";
+    } else if (pingOptions && arg == "--oneway") {
+      args.oneway = true;
+    } else if (arg.size() > 2 && arg.substr(0, 2) == "--") {
+      return "unknown option";
+    } else if (args.proxyString.empty()) {
+      args.proxyString = arg;
+    } else {
+      args.words.emplace_back(arg);
+    }
+  }
+  return args.proxyString.empty() ? "a proxy string is needed" : nullptr;
+}
+
+// Runs `body` with a proxy for the proxy string; the communicator is shut
+// down afterwards, which sends the close message.
+template <class Body>
+int WithProxy(const char* command, const ClientArgs& args, Body body) {
+  SmartPtr<Communicator> communicator = Initialize(u"tavix");
+  int status = 0;
+  {
+    SmartPtr<EchoPrx> proxy = CreateProxy<EchoPrx>(communicator, args.proxyString);
+    if (!proxy) {
+      status = Failure(command, "bad proxy string \"" + args.proxyString + "\"", TavixGetLastError());
+    } else {
+      if (args.timeoutMs >= 0) proxy->Timeout(static_cast<uint32_t>(args.timeoutMs));
+      status = body(*proxy);
+    }
+  }
+  communicator->Destroy();
+  return status;
+}
+
+}  // namespace
+
+int Ping(int argc, char** argv) {
+  ClientArgs args;
+  if (const char* complaint = ParseArgs(argc, argv, true, args)) return Usage("ping", complaint);
+  if (!args.words.empty()) return Usage("ping", "unexpected argument");
+
+  return WithProxy("ping", args, [&args](EchoPrx& proxy) {
+    for (int32_t seq = 1; seq <= args.count; ++seq) {
+      const auto start = std::chrono::steady_clock::now();
+      const uint32_t r = args.oneway ? proxy.OneWayPing() : proxy.ObjectPing();
+      const std::chrono::duration<double, std::milli> elapsed = std::chrono::steady_clock::now() - start;
+      if (r != 0) return Failure("ping", "ping " + std::to_string(seq) + " failed", r);
+      const TavixPerfmon& perfmon = proxy.GetLastPerfmon();
+      std::printf("ping %d: %.3f ms  request %d bytes  reply %d bytes  server %.3f ms\n", seq, elapsed.count(),
+                  perfmon.requestSize, perfmon.replySize, perfmon.serverTime);
+      std::fflush(stdout);
+    }
+    return 0;
+  });
+}
+
+int Call(int argc, char** argv) {
+  ClientArgs args;
+  if (const char* complaint = ParseArgs(argc, argv, false, args)) return Usage("call", complaint);
+  if (args.words.size() != 2 || (args.words[0] != "echo" && args.words[0] != "isa")) {
+    return Usage("call", "expected: echo <text> or isa <type-id>");
+  }
+  const std::u16string argument = WiddenString(args.words[1]);
+
+  return WithProxy("call", args, [&](EchoPrx& proxy) {
+    if (args.words[0] == "echo") {
+      std::u16string answer;
+      if (const uint32_t r = proxy.Echo(argument, answer); r != 0) return Failure("call", "Echo failed", r);
+      std::printf("%s\n", NarrowString(answer).c_str());
+    } else {
+      bool answer = false;
+      if (const uint32_t r = proxy.ObjectIsA(argument, answer); r != 0) {
+        return Failure("call", "ObjectIsA failed", r);
+      }
+      std::printf("%s\n", answer ? "true" : "false");
+    }
+    return 0;
+  });
+}
+
+}  // namespace TAVIX::tools

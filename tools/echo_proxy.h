@@ -1,0 +1,49 @@
+// The Echo object's operations, declared once for both ends, and the proxy
+// that clients, tests and benchmarks call it through.
+#ifndef TAVIX_TOOLS_ECHO_PROXY_H_
+#define TAVIX_TOOLS_ECHO_PROXY_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tavix/core/shared.h"
+#include "tavix/invoke/proxy_object.h"
+#include "tavix/invoke/typed_call.h"
+#include "tavix/marshal/blob.h"
+
+namespace TAVIX {
+
+namespace echo_ops {
+using Echo = Operation<u"Echo", In<std::u16string>, Out<std::u16string>>;
+using EchoBlob = Operation<u"EchoBlob", In<SmartPtr<ITavixBlob>>, Out<SmartPtr<ITavixBlob>>>;
+using Fail = Operation<u"Fail", In<int32_t>>;
+using Sleep = Operation<u"Sleep", In<int32_t>>;
+// Every object answers "ObjectPing"; sent one-way it only proves delivery.
+using OneWayPing = OneWayOperation<u"ObjectPing">;
+}  // namespace echo_ops
+
+class EchoPrx : public ProxyObject {
+ public:
+  static constexpr std::u16string_view kTypeId = u"::TAVIX::Echo";
+
+  uint32_t Echo(const std::u16string& text, std::u16string& result) {
+    return Invoke<echo_ops::Echo>(*this, text, result);
+  }
+  uint32_t EchoBlob(const SmartPtr<ITavixBlob>& blob, SmartPtr<ITavixBlob>& result) {
+    return Invoke<echo_ops::EchoBlob>(*this, blob, result);
+  }
+  uint32_t Fail(int32_t code) { return Invoke<echo_ops::Fail>(*this, code); }
+  uint32_t Sleep(int32_t milliseconds) { return Invoke<echo_ops::Sleep>(*this, milliseconds); }
+  uint32_t OneWayPing() { return Invoke<echo_ops::OneWayPing>(*this); }
+
+  void GetObjectIds(std::vector<std::u16string>& ids) override {
+    ProxyObject::GetObjectIds(ids);
+    ids.emplace_back(kTypeId);
+  }
+  std::u16string GetObjectId() override { return std::u16string(kTypeId); }
+};
+
+}  // namespace TAVIX
+
+#endif  // TAVIX_TOOLS_ECHO_PROXY_H_
