@@ -1,0 +1,105 @@
+#!/usr/bin/env bash
+# Builds everything and shows real remote calls between two processes over
+# TCP: `tavix serve` answered by `tavix ping` and `tavix call`, then the
+# examples' server answered by the examples' client. Everything started here
+# is stopped on the way out.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+step() { printf '\n== %s\n' "$*"; }
+
+step "installing what is missing and building (preset default)"
+scripts/install-deps.sh
+cmake --preset default >/dev/null
+cmake --build --preset default -j"$(nproc)" >/dev/null
+build=build/default
+
+started=()
+workdir=$(mktemp -d)
+stop_servers() {
+  for pid in "${started[@]}"; do
+    kill "$pid" 2>/dev/null || true
+    wait "$pid" 2>/dev/null || true
+  done
+  started=()
+}
+cleanup() {
+  stop_servers
+  rm -rf "$workdir"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+# A port nobody listens on right now, chosen by the system.
+free_port() {
+  if command -v python3 >/dev/null; then
+    python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
+    return
+  fi
+  local port
+  for _ in $(seq 50); do
+    port=$((20000 + RANDOM % 40000))
+    if ! (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
+      echo "$port"
+      return
+    fi
+  done
+  echo "no free port found" >&2
+  return 1
+}
+
+# Starts a server in the background and waits for its first line of output
+# (the proxy string it serves).
+start_server() {
+  local log=$1
+  shift
+  "$@" >"$log" 2>&1 &
+  started+=($!)
+  for _ in $(seq 100); do
+    if [ -s "$log" ]; then
+      echo "server (pid ${started[-1]}) serves: $(head -n 1 "$log")"
+      return
+    fi
+    if ! kill -0 "${started[-1]}" 2>/dev/null; then
+      echo "the server did not start:" >&2
+      cat "$log" >&2
+      return 1
+    fi
+    sleep 0.05
+  done
+  echo "the server printed nothing in 5 s" >&2
+  return 1
+}
+
+show() {
+  printf '$ %s\n' "$*"
+  "$@"
+}
+
+port=$(free_port)
+proxy="Echo:tcp -h 127.0.0.1 -p $port -t 3000"
+
+step "tavix serve on port $port"
+start_server "$workdir/serve.log" "$build/tools/tavix" serve --endpoint "tcp -h #any -p $port"
+
+step "pinging it from another process"
+show "$build/tools/tavix" ping "$proxy" --count 3
+show "$build/tools/tavix" ping "$proxy" --count 2 --oneway
+
+step "calling its operations"
+show "$build/tools/tavix" call "$proxy" echo "hello from the demo"
+show "$build/tools/tavix" call "$proxy" isa ::TAVIX::Echo
+show "$build/tools/tavix" call "$proxy" isa ::Some::Other
+echo "a call to an object the server does not have fails with its code:"
+show "$build/tools/tavix" call "Nobody:tcp -h 127.0.0.1 -p $port -t 3000" echo x || true
+
+port=$(free_port)
+step "the examples: echo_server on port $port, echo_client against it"
+start_server "$workdir/example.log" "$build/examples/echo_server" "tcp -h #any -p $port"
+show "$build/examples/echo_client" "Echo:tcp -h 127.0.0.1 -p $port -t 3000" "hello, example"
+
+step "stopping the servers (SIGTERM)"
+stop_servers
+echo "what the example server printed:"
+sed 's/^/  /' "$workdir/example.log"
+echo "done"
