@@ -248,10 +248,6 @@ class FakeTransceiver : public ITransceiver {
     std::lock_guard lock(m_mutex);
     m_sendError = error;
   }
-  int Closes() {
-    std::lock_guard lock(m_mutex);
-    return m_closes;
-  }
 
   int32_t GetHandle() const override {
     std::lock_guard lock(m_mutex);
@@ -262,7 +258,6 @@ class FakeTransceiver : public ITransceiver {
     std::lock_guard lock(m_mutex);
     if (!m_open) return;
     m_open = false;
-    ++m_closes;
     m_changed.notify_all();
   }
   bool IsOpen() const override {
@@ -330,7 +325,6 @@ class FakeTransceiver : public ITransceiver {
   bool m_open = true;
   bool m_ended = false;
   uint32_t m_sendError = 0;
-  int m_closes = 0;
   const int32_t m_type;
   const int32_t m_handle;
 };
