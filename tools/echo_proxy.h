@@ -1,5 +1,5 @@
-// The Echo object's operations, declared once for both ends, and the proxy
-// that clients, tests and benchmarks call it through.
+// The proxy that clients, tests and benchmarks call the Echo object
+// through.
 #ifndef TAVIX_TOOLS_ECHO_PROXY_H_
 #define TAVIX_TOOLS_ECHO_PROXY_H_
 
@@ -11,17 +11,9 @@
 #include "tavix/invoke/proxy_object.h"
 #include "tavix/invoke/typed_call.h"
 #include "tavix/marshal/blob.h"
+#include "tools/echo_ops.h"
 
 namespace TAVIX {
-
-namespace echo_ops {
-using Echo = Operation<u"Echo", In<std::u16string>, Out<std::u16string>>;
-using EchoBlob = Operation<u"EchoBlob", In<SmartPtr<ITavixBlob>>, Out<SmartPtr<ITavixBlob>>>;
-using Fail = Operation<u"Fail", In<int32_t>>;
-using Sleep = Operation<u"Sleep", In<int32_t>>;
-// Every object answers "ObjectPing"; sent one-way it only proves delivery.
-using OneWayPing = OneWayOperation<u"ObjectPing">;
-}  // namespace echo_ops
 
 class EchoPrx : public ProxyObject {
  public:

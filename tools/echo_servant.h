@@ -31,11 +31,6 @@ class EchoServant : public Object {
   void Dispatch(ObjectHelper& request) override;
   void GetObjectIds(std::vector<std::u16string>& ids) override;
   std::u16string GetObjectId() override;
-
-  void __Echo(ObjectHelper& request);
-  void __EchoBlob(ObjectHelper& request);
-  void __Fail(ObjectHelper& request);
-  void __Sleep(ObjectHelper& request);
 };
 
 }  // namespace TAVIX

@@ -1,0 +1,24 @@
+// The Echo object's operations, declared once for both ends: its servant's
+// operation table and its proxy's methods are made from these.
+#ifndef TAVIX_TOOLS_ECHO_OPS_H_
+#define TAVIX_TOOLS_ECHO_OPS_H_
+
+#include <cstdint>
+#include <string>
+
+#include "tavix/core/shared.h"
+#include "tavix/invoke/typed_call.h"
+#include "tavix/marshal/blob.h"
+
+namespace TAVIX::echo_ops {
+
+using Echo = Operation<u"Echo", In<std::u16string>, Out<std::u16string>>;
+using EchoBlob = Operation<u"EchoBlob", In<SmartPtr<ITavixBlob>>, Out<SmartPtr<ITavixBlob>>>;
+using Fail = Operation<u"Fail", In<int32_t>>;
+using Sleep = Operation<u"Sleep", In<int32_t>>;
+// Every object answers "ObjectPing"; sent one-way it only proves delivery.
+using OneWayPing = OneWayOperation<u"ObjectPing">;
+
+}  // namespace TAVIX::echo_ops
+
+#endif  // TAVIX_TOOLS_ECHO_OPS_H_
