@@ -81,7 +81,6 @@ class ProxyHelper {
   BasicStream* os() { return &m_output; }
   // Where a RequestToBlob call records its request.
   const SmartPtr<ITavixBlob>& GetBlob() const { return m_blob; }
-  int32_t RequestId() const { return m_requestId; }
 
  private:
   // The thread's last error, never 0: a failure must not read as success.

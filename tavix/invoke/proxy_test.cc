@@ -391,6 +391,15 @@ TEST_F(ProxyTest, RecordedRequestsMatchSentOnesAndAreSentAsTheyAre) {
   ASSERT_EQ(0u, Record<NoteOp>(*proxy, note, std::u16string(u"hello")));
   SmartPtr<ITavixBlob> echo = CreateTavixMemBlob();
   ASSERT_EQ(0u, Record<EchoOp>(*proxy, echo, std::u16string(u"again")));
+  {
+    // The plain pattern, recording into a blob of the helper's own.
+    static const std::u16string ping(u"ObjectPing");
+    ProxyHelper call(proxy.get(), ping, OneWay, ProxyHelper::RequestToBlob, 0);
+    ASSERT_EQ(0u, call.PrepareIPC());
+    ASSERT_EQ(0u, call.InvokeIPC());
+    const auto* bytes = static_cast<const uint8_t*>(call.GetBlob()->Data());
+    EXPECT_EQ(Hex(Request(0, u"A", u"ObjectPing")), Hex(Bytes(bytes, bytes + call.GetBlob()->Size())));
+  }
 
   EXPECT_EQ(0u, proxy->Note(u"hello"));
   EXPECT_EQ(Err::ObjectNotFound, proxy->SendBlobWithoutOutParam(echo, false));
