@@ -102,7 +102,11 @@ void TcpTransceiver::Close() {
   ScopedLock guard(m_lock);
   if (!m_socket.IsValid()) return;
   if (!ShutdownBoth()) TraceError(u"TcpTransceiver::Close, ShutdownBoth error:%d,%s\n");
-  platform::SleepMs(kCloseDelayMs);
+  // A thread blocked in WaitForRecv gets time to wake before the socket
+  // goes. Without one there is nobody to wait for: pinned calls keep the
+  // descriptor alive themselves, so a plain close (the common case at the
+  // end of every connection) costs no pause.
+  if (m_waiting) platform::SleepMs(kCloseDelayMs);
   if (m_pins == 0) {
     if (!CloseSocket()) TraceError(u"TcpTransceiver::Close, CloseSocket error:%d,%s\n");
   } else {

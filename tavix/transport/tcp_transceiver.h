@@ -41,8 +41,9 @@ class TcpTransceiver : public ITransceiver, public SockWrapper {
   int32_t GetHandle() const override;
   // A TCP pipe is opened by connecting or accepting: does nothing.
   int32_t Open() override { return 0; }
-  // Shuts the socket down, waits kCloseDelayMs and closes it. The caller's
-  // last error survives. Closing a closed transceiver does nothing.
+  // Shuts the socket down, waits kCloseDelayMs when a thread is blocked in
+  // WaitForRecv, and closes it. The caller's last error survives. Closing a
+  // closed transceiver does nothing.
   void Close() override;
   bool IsOpen() const override;
   int32_t WaitForRecv(uint32_t timeoutMs) override;
