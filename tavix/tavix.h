@@ -1,16 +1,37 @@
-// Everything an application needs from TAVIX.
+// Everything an application needs from TAVIX: every public header of the
+// library (the platform layer's headers come along where they are needed).
 #ifndef TAVIX_TAVIX_H_
 #define TAVIX_TAVIX_H_
 
+#include "tavix/adapter/object_adapter.h"
+#include "tavix/core/communicator.h"
 #include "tavix/core/errors.h"
 #include "tavix/core/format.h"
 #include "tavix/core/host_info.h"
 #include "tavix/core/inet_addr.h"
+#include "tavix/core/library.h"
 #include "tavix/core/locks.h"
 #include "tavix/core/shared.h"
 #include "tavix/core/text.h"
 #include "tavix/core/thread.h"
 #include "tavix/core/trace_log.h"
+#include "tavix/invoke/connection.h"
+#include "tavix/invoke/messages.h"
+#include "tavix/invoke/object.h"
+#include "tavix/invoke/object_helper.h"
+#include "tavix/invoke/proxy_helper.h"
+#include "tavix/invoke/proxy_object.h"
+#include "tavix/invoke/typed_call.h"
+#include "tavix/marshal/basic_stream.h"
+#include "tavix/marshal/blob.h"
 #include "tavix/marshal/message_header.h"
+#include "tavix/marshal/stream_buffers.h"
+#include "tavix/transport/acceptor.h"
+#include "tavix/transport/connection_factory.h"
+#include "tavix/transport/passport.h"
+#include "tavix/transport/tcp_acceptor.h"
+#include "tavix/transport/tcp_connection_factory.h"
+#include "tavix/transport/tcp_transceiver.h"
+#include "tavix/transport/transceiver.h"
 
 #endif  // TAVIX_TAVIX_H_
