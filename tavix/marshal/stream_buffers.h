@@ -66,24 +66,30 @@ class StreamMemBuf : public ITavixStreamBuf {
   SmartPtr<ITavixStreamBuf> m_next;
 };
 
+// The last link of a chain: it holds no bytes, so it has no room, limit or
+// count of its own, passes nothing on and links to nothing.
+class EndStreamBuf : public ITavixStreamBuf {
+ public:
+  int32_t reserve(int32_t) override { return 0; }
+  int32_t size() override { return 0; }
+  void setLimit(int32_t) override {}
+  int32_t flush() override { return 0; }
+  void clear() override {}
+  bool setNext(const SmartPtr<ITavixStreamBuf>&) override { return false; }
+};
+
 // The end of a chain that talks to a connection: writes are the
 // transceiver's Send, reads its Recvn. A closed peer raises
 // Err::ConnectionClosed; a failure raises the thread's last error.
-class StreamTransceiverBuf : public ITavixStreamBuf {
+class StreamTransceiverBuf : public EndStreamBuf {
  public:
   explicit StreamTransceiverBuf(const SmartPtr<ITransceiver>& transceiver);
   ~StreamTransceiverBuf() override;
   StreamTransceiverBuf(const StreamTransceiverBuf&) = delete;
   StreamTransceiverBuf& operator=(const StreamTransceiverBuf&) = delete;
 
-  int32_t reserve(int32_t) override { return 0; }
   int32_t sputn(const void* data, int32_t count) override;
   int32_t sgetn(void* data, int32_t count) override;
-  int32_t size() override { return 0; }
-  void setLimit(int32_t) override {}
-  int32_t flush() override { return 0; }
-  void clear() override {}
-  bool setNext(const SmartPtr<ITavixStreamBuf>&) override { return false; }
 
  private:
   SmartPtr<ITransceiver> m_transceiver;
@@ -91,21 +97,15 @@ class StreamTransceiverBuf : public ITavixStreamBuf {
 
 // The end of a chain that collects a message into a blob; it cannot be
 // read from (Err::UnsupportedFunction).
-class StreamBlobBuf : public ITavixStreamBuf {
+class StreamBlobBuf : public EndStreamBuf {
  public:
   explicit StreamBlobBuf(const SmartPtr<ITavixBlob>& blob);
   ~StreamBlobBuf() override;
   StreamBlobBuf(const StreamBlobBuf&) = delete;
   StreamBlobBuf& operator=(const StreamBlobBuf&) = delete;
 
-  int32_t reserve(int32_t) override { return 0; }
   int32_t sputn(const void* data, int32_t count) override;
   int32_t sgetn(void* data, int32_t count) override;
-  int32_t size() override { return 0; }
-  void setLimit(int32_t) override {}
-  int32_t flush() override { return 0; }
-  void clear() override {}
-  bool setNext(const SmartPtr<ITavixStreamBuf>&) override { return false; }
 
  private:
   SmartPtr<ITavixBlob> m_blob;

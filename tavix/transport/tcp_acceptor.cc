@@ -69,16 +69,9 @@ int32_t TcpAcceptor::Accept(SmartPtr<ITransceiver>& holder, uint32_t timeoutMs) 
     tavixTrace(u"TcpAcceptor::Accept, accept error:%d,%s\n", platform::LastError(), ErrorText());
     return -1;
   }
-  SmartPtr<TcpTransceiver> transceiver = SmartPtr<TcpTransceiver>::DynamicCast(holder);
-  if (transceiver) {
-    transceiver->Close();
-  } else {
-    transceiver = MakeShared<TcpTransceiver>();
-    holder = transceiver;
-  }
   char text[32];
   tavixTrace("accept %s:%d\n", peer.ToString(text, std::size(text)), peer.Port());
-  transceiver->Attach(std::move(accepted), peer);
+  TcpTransceiver::AttachToHolder(holder, std::move(accepted), peer);
   return 0;
 }
 

@@ -62,15 +62,18 @@ int32_t TcpTransceiver::Connect(const InetAddr& address, SmartPtr<ITransceiver>&
     socket.Close();
     return -1;
   }
+  AttachToHolder(holder, std::move(socket), address);
+  return 0;
+}
+
+void TcpTransceiver::AttachToHolder(SmartPtr<ITransceiver>& holder, platform::Socket socket,
+                                    const InetAddr& peer) {
   SmartPtr<TcpTransceiver> transceiver = SmartPtr<TcpTransceiver>::DynamicCast(holder);
-  if (transceiver) {
-    transceiver->Close();
-  } else {
+  if (!transceiver) {
     transceiver = MakeShared<TcpTransceiver>();
     holder = transceiver;
   }
-  transceiver->Attach(std::move(socket), address);
-  return 0;
+  transceiver->Attach(std::move(socket), peer);
 }
 
 void TcpTransceiver::Attach(platform::Socket socket, const InetAddr& peer) {

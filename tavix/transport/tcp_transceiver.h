@@ -37,6 +37,10 @@ class TcpTransceiver : public ITransceiver, public SockWrapper {
   // set (blocking, 64 KiB buffers, keep-alive). A held socket is closed
   // first.
   void Attach(platform::Socket socket, const InetAddr& peer);
+  // Attach to the TcpTransceiver in `holder`, reused, or to a new one put
+  // there: how both connecting and accepting hand over their socket.
+  static void AttachToHolder(SmartPtr<ITransceiver>& holder, platform::Socket socket,
+                             const InetAddr& peer);
 
   int32_t GetHandle() const override;
   // A TCP pipe is opened by connecting or accepting: does nothing.
