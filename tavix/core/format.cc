@@ -33,7 +33,7 @@ double FormatArg::asDouble() const {
 
 namespace {
 
-struct Spec {
+struct Directive {
   bool left = false, plus = false, space = false, alternate = false, zero = false;
   int width = 0;
   int precision = -1;
@@ -66,69 +66,69 @@ class Writer {
 
 // Pads a rendered field to its width. `prefix` (sign or 0x) stays in front of
 // zero padding.
-void EmitField(Writer& w, const Spec& spec, std::string_view prefix, std::string_view body) {
+void EmitField(Writer& w, const Directive& directive, std::string_view prefix, std::string_view body) {
   const int length = static_cast<int>(prefix.size() + body.size());
-  const int pad = spec.width > length ? spec.width - length : 0;
-  if (!spec.left && !spec.zero) w.repeat(u' ', pad);
+  const int pad = directive.width > length ? directive.width - length : 0;
+  if (!directive.left && !directive.zero) w.repeat(u' ', pad);
   for (char c : prefix) w.put(static_cast<char16_t>(c));
-  if (!spec.left && spec.zero) w.repeat(u'0', pad);
+  if (!directive.left && directive.zero) w.repeat(u'0', pad);
   for (char c : body) w.put(static_cast<char16_t>(static_cast<unsigned char>(c)));
-  if (spec.left) w.repeat(u' ', pad);
+  if (directive.left) w.repeat(u' ', pad);
 }
 
-void EmitInteger(Writer& w, Spec spec, const FormatArg& arg) {
+void EmitInteger(Writer& w, Directive directive, const FormatArg& arg) {
   char digits[32];
   std::string prefix;
   char* end = digits;
-  const char16_t c = spec.conversion;
+  const char16_t c = directive.conversion;
   if (c == u'd' || c == u'i') {
     int64_t v = arg.asSigned();
-    if (spec.length == 0) v = static_cast<int32_t>(v);
-    if (spec.length == -1) v = static_cast<int16_t>(v);
+    if (directive.length == 0) v = static_cast<int32_t>(v);
+    if (directive.length == -1) v = static_cast<int16_t>(v);
     const uint64_t magnitude = v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
     end = std::to_chars(digits, digits + sizeof digits, magnitude).ptr;
     if (v < 0) prefix = "-";
-    else if (spec.plus) prefix = "+";
-    else if (spec.space) prefix = " ";
+    else if (directive.plus) prefix = "+";
+    else if (directive.space) prefix = " ";
   } else {
     uint64_t v = arg.asUnsigned();
-    if (spec.length == 0) v = static_cast<uint32_t>(v);
-    if (spec.length == -1) v = static_cast<uint16_t>(v);
+    if (directive.length == 0) v = static_cast<uint32_t>(v);
+    if (directive.length == -1) v = static_cast<uint16_t>(v);
     const int base = (c == u'u') ? 10 : (c == u'o' ? 8 : 16);
     end = std::to_chars(digits, digits + sizeof digits, v, base).ptr;
     if (c == u'X') {
       for (char* p = digits; p != end; ++p) *p = static_cast<char>(std::toupper(*p));
     }
-    if (spec.alternate && v != 0 && base == 16) prefix = c == u'X' ? "0X" : "0x";
+    if (directive.alternate && v != 0 && base == 16) prefix = c == u'X' ? "0X" : "0x";
   }
   std::string body(digits, end);
-  if (spec.precision >= 0) {
-    spec.zero = false;
-    if (static_cast<int>(body.size()) < spec.precision) {
-      body.insert(0, static_cast<size_t>(spec.precision) - body.size(), '0');
+  if (directive.precision >= 0) {
+    directive.zero = false;
+    if (static_cast<int>(body.size()) < directive.precision) {
+      body.insert(0, static_cast<size_t>(directive.precision) - body.size(), '0');
     }
-    if (spec.precision == 0 && body == "0") body.clear();
+    if (directive.precision == 0 && body == "0") body.clear();
   }
-  EmitField(w, spec, prefix, body);
+  EmitField(w, directive, prefix, body);
 }
 
-void EmitFloat(Writer& w, Spec spec, const FormatArg& arg) {
+void EmitFloat(Writer& w, Directive directive, const FormatArg& arg) {
   const double v = arg.asDouble();
   char text[400];
-  const int precision = spec.precision < 0 ? 6 : spec.precision;
+  const int precision = directive.precision < 0 ? 6 : directive.precision;
   std::chars_format style = std::chars_format::fixed;
-  if (spec.conversion == u'e' || spec.conversion == u'E') style = std::chars_format::scientific;
-  if (spec.conversion == u'g' || spec.conversion == u'G') style = std::chars_format::general;
+  if (directive.conversion == u'e' || directive.conversion == u'E') style = std::chars_format::scientific;
+  if (directive.conversion == u'g' || directive.conversion == u'G') style = std::chars_format::general;
   const auto r = std::to_chars(text, text + sizeof text, v < 0 ? -v : v, style, precision);
   std::string body(text, r.ptr);
-  std::string prefix = v < 0 ? "-" : (spec.plus ? "+" : (spec.space ? " " : ""));
-  EmitField(w, spec, prefix, body);
+  std::string prefix = v < 0 ? "-" : (directive.plus ? "+" : (directive.space ? " " : ""));
+  EmitField(w, directive, prefix, body);
 }
 
-void EmitString(Writer& w, const Spec& spec, const FormatArg& arg) {
+void EmitString(Writer& w, const Directive& directive, const FormatArg& arg) {
   if (arg.kind() != FormatArg::Kind::kWide && arg.kind() != FormatArg::Kind::kNarrow) {
     // A number where text was expected: show the number, never guess memory.
-    Spec asNumber = spec;
+    Directive asNumber = directive;
     asNumber.conversion = arg.kind() == FormatArg::Kind::kDouble ? u'f' : u'd';
     asNumber.length = 2;
     if (arg.kind() == FormatArg::Kind::kDouble) EmitFloat(w, asNumber, arg);
@@ -137,11 +137,11 @@ void EmitString(Writer& w, const Spec& spec, const FormatArg& arg) {
   }
   if (arg.kind() == FormatArg::Kind::kWide) {
     const std::u16string_view text = arg.wide();
-    const size_t count = spec.precision >= 0 ? std::min(text.size(), static_cast<size_t>(spec.precision)) : text.size();
-    const int pad = spec.width > static_cast<int>(count) ? spec.width - static_cast<int>(count) : 0;
-    if (!spec.left) w.repeat(u' ', pad);
+    const size_t count = directive.precision >= 0 ? std::min(text.size(), static_cast<size_t>(directive.precision)) : text.size();
+    const int pad = directive.width > static_cast<int>(count) ? directive.width - static_cast<int>(count) : 0;
+    if (!directive.left) w.repeat(u' ', pad);
     for (size_t i = 0; i < count; ++i) w.put(text[i]);
-    if (spec.left) w.repeat(u' ', pad);
+    if (directive.left) w.repeat(u' ', pad);
     return;
   }
   // Narrow text is UTF-8; width and precision count its code units after
@@ -150,22 +150,22 @@ void EmitString(Writer& w, const Spec& spec, const FormatArg& arg) {
   const std::string_view text = arg.narrow();
   size_t total = 0;
   for (size_t pos = 0; pos < text.size();) total += DecodeUtf8(text, pos, units);
-  const size_t count = spec.precision >= 0 ? std::min(total, static_cast<size_t>(spec.precision)) : total;
-  const int pad = spec.width > static_cast<int>(count) ? spec.width - static_cast<int>(count) : 0;
-  if (!spec.left) w.repeat(u' ', pad);
+  const size_t count = directive.precision >= 0 ? std::min(total, static_cast<size_t>(directive.precision)) : total;
+  const int pad = directive.width > static_cast<int>(count) ? directive.width - static_cast<int>(count) : 0;
+  if (!directive.left) w.repeat(u' ', pad);
   size_t emitted = 0;
   for (size_t pos = 0; pos < text.size() && emitted < count;) {
     const size_t n = DecodeUtf8(text, pos, units);
     for (size_t k = 0; k < n && emitted < count; ++k, ++emitted) w.put(units[k]);
   }
-  if (spec.left) w.repeat(u' ', pad);
+  if (directive.left) w.repeat(u' ', pad);
 }
 
-void EmitChar(Writer& w, const Spec& spec, const FormatArg& arg) {
-  const int pad = spec.width > 1 ? spec.width - 1 : 0;
-  if (!spec.left) w.repeat(u' ', pad);
+void EmitChar(Writer& w, const Directive& directive, const FormatArg& arg) {
+  const int pad = directive.width > 1 ? directive.width - 1 : 0;
+  if (!directive.left) w.repeat(u' ', pad);
   w.put(static_cast<char16_t>(arg.asUnsigned()));
-  if (spec.left) w.repeat(u' ', pad);
+  if (directive.left) w.repeat(u' ', pad);
 }
 
 int ReadNumber(std::u16string_view format, size_t& i) {
@@ -191,42 +191,42 @@ int FormatInto(std::span<char16_t> out, std::u16string_view format, std::span<co
       continue;
     }
     if (++i >= format.size()) break;
-    Spec spec;
+    Directive directive;
     for (; i < format.size(); ++i) {
       const char16_t f = format[i];
-      if (f == u'-') spec.left = true;
-      else if (f == u'+') spec.plus = true;
-      else if (f == u' ') spec.space = true;
-      else if (f == u'#') spec.alternate = true;
-      else if (f == u'0') spec.zero = true;
+      if (f == u'-') directive.left = true;
+      else if (f == u'+') directive.plus = true;
+      else if (f == u' ') directive.space = true;
+      else if (f == u'#') directive.alternate = true;
+      else if (f == u'0') directive.zero = true;
       else break;
     }
     if (i < format.size() && format[i] == u'*') {
-      spec.width = takeInt();
-      if (spec.width < 0) {
-        spec.left = true;
-        spec.width = -spec.width;
+      directive.width = takeInt();
+      if (directive.width < 0) {
+        directive.left = true;
+        directive.width = -directive.width;
       }
       ++i;
     } else {
-      spec.width = ReadNumber(format, i);
+      directive.width = ReadNumber(format, i);
     }
     if (i < format.size() && format[i] == u'.') {
       ++i;
       if (i < format.size() && format[i] == u'*') {
-        spec.precision = takeInt();
+        directive.precision = takeInt();
         ++i;
       } else {
-        spec.precision = ReadNumber(format, i);
+        directive.precision = ReadNumber(format, i);
       }
     }
     while (i < format.size()) {
       const std::u16string_view rest = format.substr(i);
       if (rest.starts_with(u"I64") || rest.starts_with(u"ll")) {
-        spec.length = 2;
+        directive.length = 2;
         i += rest[0] == u'I' ? 3 : 2;
       } else if (rest[0] == u'h') {
-        spec.length = -1;
+        directive.length = -1;
         ++i;
       } else if (rest[0] == u'l' || rest[0] == u'w') {
         ++i;
@@ -235,29 +235,29 @@ int FormatInto(std::span<char16_t> out, std::u16string_view format, std::span<co
       }
     }
     if (i >= format.size()) break;
-    spec.conversion = format[i];
-    if (spec.conversion == u'%') {
+    directive.conversion = format[i];
+    if (directive.conversion == u'%') {
       w.put(u'%');
       continue;
     }
     if (next >= args.size()) continue;  // a missing argument renders nothing
     const FormatArg& arg = args[next++];
-    switch (spec.conversion) {
+    switch (directive.conversion) {
       case u'd': case u'i': case u'u': case u'x': case u'X': case u'o':
-        EmitInteger(w, spec, arg);
+        EmitInteger(w, directive, arg);
         break;
       case u'f': case u'F': case u'e': case u'E': case u'g': case u'G':
-        EmitFloat(w, spec, arg);
+        EmitFloat(w, directive, arg);
         break;
       case u's': case u'S':
-        EmitString(w, spec, arg);
+        EmitString(w, directive, arg);
         break;
       case u'c': case u'C':
-        EmitChar(w, spec, arg);
+        EmitChar(w, directive, arg);
         break;
       default:
         w.put(u'%');
-        w.put(spec.conversion);
+        w.put(directive.conversion);
         break;
     }
   }

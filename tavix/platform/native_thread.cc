@@ -49,7 +49,7 @@ int NativeThread::Join(uint32_t timeoutMs) {
     timespec deadline{};
     clock_gettime(CLOCK_REALTIME, &deadline);
     deadline.tv_sec += timeoutMs / 1000;
-    deadline.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000L;  // NOLINT: timespec field
+    deadline.tv_nsec += static_cast<decltype(deadline.tv_nsec)>(timeoutMs % 1000) * 1000000;
     if (deadline.tv_nsec >= 1000000000L) {
       deadline.tv_sec += 1;
       deadline.tv_nsec -= 1000000000L;
