@@ -51,8 +51,8 @@ class Connection : public virtual Shared {
 
   // Server: sends the header-only validation message (none over UDP).
   int SendValidation();
-  // Client: receives and checks the validation message. The read waits as
-  // the transceiver's exact read waits; `timeoutMs` does not bound it.
+  // Client: receives and checks the validation message, waiting at most
+  // `timeoutMs` for it to begin (0 waits without limit).
   int Validate(uint32_t timeoutMs);
   // Client: sends the header-only close message; the result is ignored.
   void SendCloseMsg();
