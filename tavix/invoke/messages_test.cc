@@ -15,22 +15,13 @@ namespace {
 
 using testing::B;
 using testing::Bytes;
+using testing::CodeOf;
 using testing::Decoder;
-using testing::Sink;
-
-uint32_t CodeOf(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const TavixException& e) {
-    return e.Code();
-  }
-  return 0;
-}
 
 // A whole message as a sender produces it: size computed first, then the
 // header and the body through a memory buffer limited to that size.
 Bytes Message(MessageType type, int32_t bodyLength, const std::function<void(BasicStream&)>& body) {
-  SmartPtr<Sink> wire(new Sink());
+  SmartPtr<testing::Sink> wire(new testing::Sink());
   BasicStream s;
   const int32_t total = HEADER_SIZE + bodyLength;
   AttachMessageBuffer(s, total, wire);
@@ -38,7 +29,6 @@ Bytes Message(MessageType type, int32_t bodyLength, const std::function<void(Bas
   body(s);
   s.Flush();
   EXPECT_EQ(s.Size(), total);
-  s.Clear();
   return wire->bytes;
 }
 
@@ -53,23 +43,25 @@ Bytes Reply(const ReplyHead& head, const std::function<void(BasicStream&)>& resu
   });
 }
 
+// The body of a message, read the way a receiver does after the header.
+Decoder BodyOf(const Bytes& message, size_t cut = 0) {
+  return Decoder(Bytes(message.begin() + HEADER_SIZE, message.end() - static_cast<ptrdiff_t>(cut)));
+}
+
 TEST(RequestMessage, PingBytesTwoWayAndOneWay) {
   RequestHead head{1, u"A", u"ObjectPing"};
   const Bytes ping = B({0x58, 0x47, 0x52, 0x51, 0x01, 0x02, 0x01, 0x01, 0x00, 0x00, 0x30, 0x00, 0x00, 0x00, 0x00, 0x00,
                         0x00, 0x00, 0xB0, 0xBB, 0x01, 0x00, 0x00, 0x00, 0x01, 0x41, 0x00, 0x0A, 0x4F, 0x00, 0x62, 0x00,
                         0x6A, 0x00, 0x65, 0x00, 0x63, 0x00, 0x74, 0x00, 0x50, 0x00, 0x69, 0x00, 0x6E, 0x00, 0x67, 0x00});
-  EXPECT_EQ(head.lengthOf(), 28);
   EXPECT_EQ(Request(head), ping);
-
   head.requestId = 0;
   Bytes oneway = ping;
   oneway[20] = 0;
   EXPECT_EQ(Request(head), oneway);
 
-  // And back: the header is read on its own, the body through a buffer
-  // limited to size - 20.
+  // Read back through a buffer limited to the body: nothing past it.
   RequestHead read;
-  Decoder d(Bytes(ping.begin() + HEADER_SIZE, ping.end()));
+  Decoder d = BodyOf(ping);
   read.read(d.stream);
   EXPECT_EQ(read.requestId, 1);
   EXPECT_EQ(read.objectName, u"A");
@@ -80,21 +72,18 @@ TEST(RequestMessage, PingBytesTwoWayAndOneWay) {
 
 TEST(RequestMessage, LongNamesAndLimits) {
   const RequestHead head{5, std::u16string(255, u'n'), u"Op"};
-  EXPECT_EQ(head.lengthOf(), 4 + 5 + 510 + 1 + 4);
   const Bytes message = Request(head);
-  ASSERT_EQ(message.size(), static_cast<size_t>(HEADER_SIZE + head.lengthOf()));
+  ASSERT_EQ(message.size(), static_cast<size_t>(HEADER_SIZE + 4 + 5 + 510 + 1 + 4));
   EXPECT_EQ(Bytes(message.begin() + 24, message.begin() + 29), B({0xFF, 0xFF, 0x00, 0x00, 0x00}));
 
-  // Writing more than announced fails; so does a body cut short.
+  // Writing more than announced fails; so does a body cut short or a
+  // negative size prefix.
   EXPECT_EQ(CodeOf([&] {
-              Message(MSG_REQUEST, head.lengthOf(), [&](BasicStream& s) {
-                head.write(s);
-                s.write(int32_t{0});
-              });
+              Message(MSG_REQUEST, head.lengthOf(), [&](BasicStream& s) { head.write(s), s.write(int32_t{0}); });
             }),
             Err::OutOfBounds);
   RequestHead read;
-  Decoder cut(Bytes(message.begin() + HEADER_SIZE, message.end() - 3));
+  Decoder cut = BodyOf(message, 3);
   EXPECT_EQ(CodeOf([&] { read.read(cut.stream); }), Err::OutOfBounds);
   Decoder negative(B({1, 0, 0, 0, 0xFF, 0xFE, 0xFF, 0xFF, 0xFF}));
   EXPECT_EQ(CodeOf([&] { read.read(negative.stream); }), Err::IllegalSize);
@@ -110,39 +99,32 @@ TEST(ReplyMessage, SuccessErrorAndObjectIsABytes) {
   ASSERT_EQ(error.size(), 36u);
   EXPECT_EQ(error[10], 36);
   EXPECT_EQ(Bytes(error.begin() + 24, error.begin() + 28), B({0x0C, 0x00, 0x00, 0x20}));
+  ReplyHead status;
+  Decoder e = BodyOf(error);
+  status.read(e.stream);
+  EXPECT_EQ(status.status, Err::ObjectNotFound);
 
   const Bytes isA = Reply(ReplyHead{2, 0, 1.25}, [](BasicStream& s) { s.write(true); }, BasicStream::lengthOf(true));
   ASSERT_EQ(isA.size(), 37u);
   EXPECT_EQ(Bytes(isA.begin() + 10, isA.begin() + 14), B({0x25, 0, 0, 0}));
   EXPECT_EQ(isA.back(), 0x01);
-
   ReplyHead read;
-  Decoder d(Bytes(isA.begin() + HEADER_SIZE, isA.end()));
-  read.read(d.stream);
   bool answer = false;
+  Decoder d = BodyOf(isA);
+  read.read(d.stream);
   d.stream.read(answer);
   EXPECT_EQ(read.requestId, 2);
-  EXPECT_EQ(read.status, 0u);
   EXPECT_EQ(read.serverTime, 1.25);
   EXPECT_TRUE(answer);
-  ReplyHead status;
-  Decoder e(Bytes(error.begin() + HEADER_SIZE, error.end()));
-  status.read(e.stream);
-  EXPECT_EQ(status.status, Err::ObjectNotFound);
 }
 
 TEST(RequestIds, CountUpShareAcrossThreadsAndSkipZero) {
-  RequestIdCounter fresh;
-  EXPECT_EQ(fresh.Next(), 1);
-  EXPECT_EQ(fresh.Next(), 2);
-
   RequestIdCounter wrapping(0xFFFFFFFEu);
   EXPECT_EQ(wrapping.Next(), -1);
   EXPECT_EQ(wrapping.Next(), 1);  // 0 would read as one-way
   RequestIdCounter signedEdge(0x7FFFFFFFu);
   EXPECT_EQ(signedEdge.Next(), INT32_MIN);
 
-  EXPECT_EQ(RequestIdFor(OneWay), 0);
   const int32_t first = RequestIdFor(TwoWay);
   EXPECT_EQ(RequestIdFor(OneWay), 0);  // one-way calls leave the counter alone
   EXPECT_EQ(RequestIdFor(TwoWay), first + 1);

@@ -10,6 +10,7 @@
 #include <initializer_list>
 #include <vector>
 
+#include "tavix/core/errors.h"
 #include "tavix/marshal/basic_stream.h"
 #include "tavix/marshal/stream_buffers.h"
 
@@ -23,11 +24,27 @@ inline Bytes B(std::initializer_list<int> values) {
   return out;
 }
 
+// n bytes that differ from their neighbours and repeat only after 64 KiB.
+inline Bytes Pattern(size_t n, uint32_t seed = 0) {
+  Bytes out(n);
+  for (size_t i = 0; i < n; ++i) out[i] = static_cast<uint8_t>((i ^ (i >> 8)) + seed);
+  return out;
+}
+
+// The code `f` raised, 0 when it raised nothing.
+inline uint32_t CodeOf(const std::function<void()>& f) {
+  try {
+    f();
+  } catch (const TavixException& e) {
+    return e.Code();
+  }
+  return 0;
+}
+
 // Takes at most `accept` bytes per call (all when negative), or returns
 // `result` instead when it is set.
-class Sink : public ITavixStreamBuf {
+class Sink : public EndStreamBuf {
  public:
-  int32_t reserve(int32_t) override { return 0; }
   int32_t sputn(const void* data, int32_t count) override {
     calls.push_back(count);
     if (result != 0) return result;
@@ -37,11 +54,7 @@ class Sink : public ITavixStreamBuf {
     return n;
   }
   int32_t sgetn(void*, int32_t) override { return 0; }
-  int32_t size() override { return 0; }
-  void setLimit(int32_t) override {}
-  int32_t flush() override { return 0; }
   void clear() override { ++clears; }
-  bool setNext(const SmartPtr<ITavixStreamBuf>&) override { return false; }
 
   Bytes bytes;
   std::vector<int32_t> calls;
@@ -52,24 +65,17 @@ class Sink : public ITavixStreamBuf {
 
 // Serves `bytes` in deliveries of at most `chunk` bytes and records what
 // it was asked for.
-class Source : public ITavixStreamBuf {
+class Source : public EndStreamBuf {
  public:
   explicit Source(Bytes content, int32_t piece = 0x7FFFFFFF) : bytes(std::move(content)), chunk(piece) {}
-  int32_t reserve(int32_t) override { return 0; }
   int32_t sputn(const void*, int32_t) override { return 0; }
   int32_t sgetn(void* data, int32_t count) override {
     asked.push_back(count);
-    const auto left = static_cast<int32_t>(bytes.size() - offset);
-    const int32_t n = std::min({count, left, chunk});
-    std::memcpy(data, bytes.data() + offset, static_cast<size_t>(std::max(n, 0)));
-    offset += static_cast<size_t>(std::max(n, 0));
-    return n;
+    const auto n = static_cast<size_t>(std::min({count, static_cast<int32_t>(bytes.size() - offset), chunk}));
+    std::memcpy(data, bytes.data() + offset, n);
+    offset += n;
+    return static_cast<int32_t>(n);
   }
-  int32_t size() override { return 0; }
-  void setLimit(int32_t) override {}
-  int32_t flush() override { return 0; }
-  void clear() override {}
-  bool setNext(const SmartPtr<ITavixStreamBuf>&) override { return false; }
 
   Bytes bytes;
   int32_t chunk;
@@ -89,8 +95,7 @@ inline Bytes Encode(const std::function<void(BasicStream&)>& fill) {
 // A stream that reads `bytes` as one message body, the way a receiver sets
 // its chain up.
 struct Decoder {
-  explicit Decoder(Bytes bytes, int32_t chunk = 0x7FFFFFFF)
-      : source(new Source(std::move(bytes), chunk)) {
+  explicit Decoder(Bytes bytes, int32_t chunk = 0x7FFFFFFF) : source(new Source(std::move(bytes), chunk)) {
     AttachMessageBuffer(stream, static_cast<int32_t>(source->bytes.size()), source);
   }
   BasicStream stream;
