@@ -7,8 +7,6 @@
 #include <cstdio>
 #include <string>
 
-#include "tavix/adapter/object_adapter.h"
-#include "tavix/core/communicator.h"
 #include "tavix/invoke/wire_test_util.h"
 #include "tools/echo_servant.h"
 
@@ -33,20 +31,11 @@ ToolRun Tool(const std::string& arguments) {
 
 class ClientCommandsTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    SmartPtr<ObjectAdapter> adapter = m_server->CreateObjectAdapter(std::string("Tool"));
-    ASSERT_TRUE(adapter->AddServant(MakeShared<EchoServant>(), std::string("Echo")));
-    adapter->Activate();
-    ASSERT_TRUE(adapter->AddPassport("tcp -h #any -p " + std::to_string(m_port)));
-  }
-  void TearDown() override { m_server->Destroy(); }
-
   std::string Proxy(const std::string& object = "Echo") const {
-    return "'" + object + ":tcp -h 127.0.0.1 -p " + std::to_string(m_port) + " -t 3000'";
+    return "'" + object + ":tcp -h 127.0.0.1 -p " + std::to_string(m_server.port) + " -t 3000'";
   }
 
-  uint16_t m_port = test_wire::FreePort();
-  SmartPtr<Communicator> m_server = Initialize();
+  test_wire::TestServer m_server{MakeShared<EchoServant>(), 0, "Echo"};
 };
 
 TEST_F(ClientCommandsTest, PingPrintsOneLinePerCall) {

@@ -1,5 +1,7 @@
-// The communicator: its adapters by name, the shutdown flag, the count of
-// client calls, the registered client connections and the shutdown order.
+// The communicator: its adapters by name and in name order, the shutdown
+// flag, and the wait for client calls in progress. Closing client
+// connections and listeners at shutdown is covered end to end by the proxy
+// and server tests.
 #include "tavix/core/communicator.h"
 
 #include <gtest/gtest.h>
@@ -8,7 +10,9 @@
 #include <thread>
 #include <vector>
 
-#include "tavix/invoke/wire_test_util.h"
+#include "tavix/core/errors.h"
+#include "tavix/platform/clock.h"
+#include "tavix/platform/process.h"
 
 namespace TAVIX {
 
@@ -17,10 +21,6 @@ class CommunicatorProbe {
  public:
   static void BeginCall(Communicator& c) { c.BeginCall(); }
   static void EndCall(Communicator& c) { c.EndCall(); }
-  static int32_t Calls(Communicator& c) { return c.m_activeCalls.load(); }
-  static bool IsShutdown(Communicator& c) { return c.IsShutdown(); }
-  static void Register(Communicator& c, const SmartPtr<Connection>& connection) { c.RegisterConnection(connection); }
-  static void Finish(Communicator& c, const SmartPtr<Connection>& connection) { c.Finish(connection); }
   static std::vector<std::u16string> AdapterNames(Communicator& c) {
     std::vector<std::u16string> names;
     ScopedLock guard(c.m_adaptersLock);
@@ -31,48 +31,28 @@ class CommunicatorProbe {
 
 namespace {
 
-using namespace test_wire;
 using Probe = CommunicatorProbe;
 
-// A client connection over an in-memory transceiver, validated.
-struct ClientConnection {
-  SmartPtr<FakeTransceiver> transceiver = MakeShared<FakeTransceiver>();
-  SmartPtr<Connection> connection = MakeShared<Connection>();
-  ClientConnection() {
-    connection->SetTransceiver(SmartPtr<ITransceiver>(transceiver));
-    connection->SetState(Connection::StateValidating);
-    connection->SetState(Connection::StateConnected);
-  }
-};
-
-TEST(Communicator, AdaptersAreKeptByExactName) {
+TEST(Communicator, AdaptersByExactNameInNameOrder) {
   SmartPtr<Communicator> first = Initialize(u"same");
   SmartPtr<Communicator> second = Initialize(u"same");
-  ASSERT_NE(first.get(), second.get());
-
-  SmartPtr<ObjectAdapter> upper = first->CreateObjectAdapter(std::u16string(u"A"));
-  ASSERT_TRUE(upper);
-  EXPECT_TRUE(first->CreateObjectAdapter(std::string("a")));
+  SmartPtr<ObjectAdapter> b = first->CreateObjectAdapter(std::u16string(u"b"));
+  ASSERT_TRUE(b);
+  for (const char16_t* name : {u"c", u"a", u"B", u"\u00e4"}) {
+    ASSERT_TRUE(first->CreateObjectAdapter(std::u16string(name)));
+  }
   TavixSetLastError(0);
-  EXPECT_FALSE(first->CreateObjectAdapter(std::string("A")));
+  EXPECT_FALSE(first->CreateObjectAdapter(std::string("b")));
   EXPECT_EQ(Err::AdapterNameExists, TavixGetLastError());
-  EXPECT_TRUE(second->CreateObjectAdapter(std::u16string(u"A"))) << "communicators are independent";
-  EXPECT_EQ(ADAPTER_INACTIVE, upper->GetStatus()) << "the existing adapter is untouched";
+  EXPECT_EQ(ADAPTER_INACTIVE, b->GetStatus()) << "the existing adapter is untouched";
+  EXPECT_TRUE(second->CreateObjectAdapter(std::u16string(u"b"))) << "communicators are independent";
+  EXPECT_EQ((std::vector<std::u16string>{u"B", u"a", u"b", u"c", u"\u00e4"}), Probe::AdapterNames(*first));
 
   first->Destroy();
-  EXPECT_EQ(ADAPTER_DESTROYING, upper->GetStatus());
-  EXPECT_FALSE(Probe::IsShutdown(*second));
-  EXPECT_EQ(1, upper->RefCount()) << "the communicator released its adapters";
-}
-
-TEST(Communicator, AdaptersGoInNameOrder) {
-  SmartPtr<Communicator> communicator = Initialize();
-  for (const char16_t* name : {u"b", u"a", u"c", u"B", u"\u00e4"}) {
-    ASSERT_TRUE(communicator->CreateObjectAdapter(std::u16string(name)));
-  }
-  EXPECT_EQ((std::vector<std::u16string>{u"B", u"a", u"b", u"c", u"\u00e4"}), Probe::AdapterNames(*communicator));
-  communicator->Destroy();
-  EXPECT_TRUE(Probe::AdapterNames(*communicator).empty());
+  EXPECT_EQ(ADAPTER_DESTROYING, b->GetStatus());
+  EXPECT_EQ(1, b->RefCount()) << "the communicator released its adapters";
+  EXPECT_TRUE(Probe::AdapterNames(*first).empty());
+  EXPECT_EQ(1u, Probe::AdapterNames(*second).size());
 }
 
 TEST(Communicator, ShutdownIsOnceAndStopsNewAdapters) {
@@ -81,7 +61,6 @@ TEST(Communicator, ShutdownIsOnceAndStopsNewAdapters) {
   ASSERT_TRUE(adapter);
   adapter->Activate();
   communicator->Shutdown();
-  EXPECT_TRUE(Probe::IsShutdown(*communicator));
   EXPECT_EQ(ADAPTER_DESTROYING, adapter->GetStatus());
   adapter->Activate();
   communicator->Shutdown();
@@ -93,24 +72,11 @@ TEST(Communicator, ShutdownIsOnceAndStopsNewAdapters) {
   EXPECT_EQ(std::vector<std::u16string>{u"x"}, Probe::AdapterNames(*communicator)) << "kept until waited for";
   communicator->WaitForShutdown();
   EXPECT_TRUE(Probe::AdapterNames(*communicator).empty());
-  communicator->WaitForShutdown();  // again: nothing left to do
-}
-
-TEST(Communicator, CallCounterNeverGoesNegative) {
-  SmartPtr<Communicator> communicator = Initialize();
-  Probe::EndCall(*communicator);
-  EXPECT_EQ(0, Probe::Calls(*communicator));
-  Probe::BeginCall(*communicator);
-  Probe::BeginCall(*communicator);
-  Probe::EndCall(*communicator);
-  EXPECT_EQ(1, Probe::Calls(*communicator));
-  Probe::EndCall(*communicator);
-  Probe::EndCall(*communicator);
-  EXPECT_EQ(0, Probe::Calls(*communicator));
 }
 
 TEST(Communicator, WaitForShutdownWaitsForCallsInWholeSteps) {
   SmartPtr<Communicator> communicator = Initialize();
+  Probe::EndCall(*communicator);  // the count never goes below 0
   Probe::BeginCall(*communicator);
 
   // Destroy after Shutdown returns at once, whatever is running.
@@ -120,63 +86,15 @@ TEST(Communicator, WaitForShutdownWaitsForCallsInWholeSteps) {
   EXPECT_LT(platform::TickCountMs() - before, 500u);
 
   std::thread caller([&] {
-    platform::SleepMs(1200);
+    platform::SleepMs(100);
     Probe::EndCall(*communicator);
   });
   const uint64_t start = platform::TickCountMs();
   communicator->WaitForShutdown();
   const uint64_t waited = platform::TickCountMs() - start;
   caller.join();
-  EXPECT_GE(waited, 1900u) << "the call ended during the second step";
-  EXPECT_LT(waited, 3500u);
-}
-
-TEST(Communicator, FinishClosesOnlyRegisteredConnections) {
-  SmartPtr<Communicator> communicator = Initialize();
-  ClientConnection stranger;
-  Probe::Finish(*communicator, stranger.connection);
-  EXPECT_TRUE(stranger.transceiver->Output().empty());
-  EXPECT_EQ(Connection::StateConnected, stranger.connection->GetState());
-
-  ClientConnection registered;
-  Probe::Register(*communicator, registered.connection);
-  Probe::Finish(*communicator, registered.connection);
-  EXPECT_EQ(Header(MSG_CLOSE, 20), registered.transceiver->Output());
-  EXPECT_EQ(Connection::StateClosed, registered.connection->GetState());
-  EXPECT_FALSE(registered.transceiver->IsOpen());
-  EXPECT_EQ(1, registered.connection->RefCount()) << "forgotten";
-  Probe::Finish(*communicator, registered.connection);
-  EXPECT_EQ(Header(MSG_CLOSE, 20), registered.transceiver->Output());
-}
-
-TEST(Communicator, ShutdownClosesRegisteredConnectionsAndListeners) {
-  ClientConnection one;
-  ClientConnection two;
-  uint16_t port = 0;
-  RawClient client;
-  {
-    SmartPtr<Communicator> communicator = Initialize();
-    Probe::Register(*communicator, one.connection);
-    Probe::Register(*communicator, two.connection);
-    SmartPtr<ObjectAdapter> adapter = communicator->CreateObjectAdapter(std::string("S"));
-    adapter->Activate();
-    for (int attempt = 0; attempt < 20 && port == 0; ++attempt) {
-      const uint16_t candidate = FreePort();
-      if (adapter->AddPassport("tcp -h #any -p " + std::to_string(candidate))) port = candidate;
-    }
-    ASSERT_NE(0, port);
-    ASSERT_TRUE(client.Connect(port));
-    ASSERT_EQ(Header(MSG_VALIDATE, 20), client.ReceiveValidation());
-    // The communicator goes with its last holder, shutting everything down.
-  }
-  for (ClientConnection* c : {&one, &two}) {
-    EXPECT_EQ(Header(MSG_CLOSE, 20), c->transceiver->Output());
-    EXPECT_EQ(Connection::StateClosed, c->connection->GetState());
-    EXPECT_EQ(1, c->connection->RefCount());
-  }
-  EXPECT_TRUE(client.ClosedByPeer(1000));
-  RawClient late;
-  EXPECT_FALSE(late.Connect(port)) << "nothing listens any more";
+  EXPECT_GE(waited, Communicator::kCallWaitStepMs - 50) << "the call ended during the first step";
+  EXPECT_LT(waited, 2 * Communicator::kCallWaitStepMs + 500);
 }
 
 }  // namespace

@@ -1,25 +1,29 @@
-// Test helpers shared by the invocation and adapter tests: byte builders for
-// request messages, a raw TCP client, an in-memory transceiver and a reader
-// of this process's lines in the trace log. Header-only: it is compiled into
-// the test binaries, never into the library.
+// Test helpers shared by the invocation, adapter, core and tool tests: byte
+// builders for messages, a served adapter on a free port, a raw TCP client,
+// an in-memory transceiver and a reader of this process's trace-log lines.
+// Header-only: compiled into the test binaries, never into the library.
 #ifndef TAVIX_INVOKE_WIRE_TEST_UTIL_H_
 #define TAVIX_INVOKE_WIRE_TEST_UTIL_H_
 
-#include <chrono>
-#include <condition_variable>
+#include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <deque>
 #include <fstream>
 #include <iterator>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "tavix/adapter/object_adapter.h"
+#include "tavix/core/communicator.h"
 #include "tavix/core/errors.h"
+#include "tavix/core/format.h"
 #include "tavix/core/inet_addr.h"
 #include "tavix/core/text.h"
 #include "tavix/core/trace_log.h"
+#include "tavix/invoke/connection.h"
+#include "tavix/invoke/object_helper.h"
+#include "tavix/marshal/blob.h"
 #include "tavix/marshal/message_header.h"
 #include "tavix/platform/clock.h"
 #include "tavix/platform/process.h"
@@ -34,25 +38,11 @@ using Bytes = std::vector<uint8_t>;
 // Little-endian writer of the body encoding.
 class Writer {
  public:
-  Writer& u8(uint8_t v) {
-    m_bytes.push_back(v);
-    return *this;
-  }
+  Writer& u8(uint8_t v) { return raw(&v, 1); }
   Writer& i32(int32_t v) { return raw(&v, 4); }
   Writer& f64(double v) { return raw(&v, 8); }
-  Writer& size(int32_t n) {
-    if (n <= 254) return u8(static_cast<uint8_t>(n));
-    u8(0xFF);
-    return i32(n);
-  }
-  Writer& wstr(const std::u16string& s) {
-    size(static_cast<int32_t>(s.size()));
-    return raw(s.data(), s.size() * 2);
-  }
-  Writer& blob(const Bytes& b) {
-    size(static_cast<int32_t>(b.size()));
-    return raw(b.data(), b.size());
-  }
+  Writer& size(int32_t n) { return n <= 254 ? u8(static_cast<uint8_t>(n)) : u8(0xFF).i32(n); }
+  Writer& wstr(const std::u16string& s) { return size(static_cast<int32_t>(s.size())).raw(s.data(), s.size() * 2); }
   Writer& raw(const void* data, size_t n) {
     const auto* p = static_cast<const uint8_t*>(data);
     m_bytes.insert(m_bytes.end(), p, p + n);
@@ -74,31 +64,33 @@ inline Bytes Header(uint8_t type, int32_t size) {
   return bytes;
 }
 
-// A complete request message.
-inline Bytes Request(int32_t requestId, const std::u16string& object, const std::u16string& operation,
-                     const Bytes& arguments = {}) {
-  Writer body;
-  body.i32(requestId).wstr(object).wstr(operation).bytes(arguments);
-  Writer message;
-  message.bytes(Header(MSG_REQUEST, static_cast<int32_t>(HEADER_SIZE + body.get().size()))).bytes(body.get());
-  return message.get();
+inline Bytes Concat(Bytes a, const Bytes& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
 }
 
-inline Bytes Concat(const Bytes& a, const Bytes& b) {
-  Bytes out = a;
-  out.insert(out.end(), b.begin(), b.end());
-  return out;
+// A complete message of the given type around `body`.
+inline Bytes Message(uint8_t type, const Bytes& body) {
+  return Concat(Header(type, static_cast<int32_t>(HEADER_SIZE + body.size())), body);
+}
+
+inline Bytes Request(int32_t requestId, const std::u16string& object, const std::u16string& operation,
+                     const Bytes& arguments = {}) {
+  return Message(MSG_REQUEST, Writer().i32(requestId).wstr(object).wstr(operation).bytes(arguments).get());
+}
+
+inline Bytes ReplyMessage(int32_t requestId, uint32_t status, const Bytes& results = {}) {
+  return Message(MSG_REPLY, Writer().i32(requestId).i32(static_cast<int32_t>(status)).f64(0.0).bytes(results).get());
+}
+
+inline Bytes BlobBytes(const SmartPtr<ITavixBlob>& blob) {
+  const auto* data = static_cast<const uint8_t*>(blob->Data());
+  return Bytes(data, data + blob->Size());
 }
 
 inline int32_t ReadI32(const Bytes& b, size_t at) {
   int32_t v = 0;
   std::memcpy(&v, b.data() + at, 4);
-  return v;
-}
-
-inline double ReadF64(const Bytes& b, size_t at) {
-  double v = 0;
-  std::memcpy(&v, b.data() + at, 8);
   return v;
 }
 
@@ -121,7 +113,7 @@ inline Reply ParseReply(const Bytes& message) {
   r.size = header.size;
   r.requestId = ReadI32(message, 20);
   r.status = static_cast<uint32_t>(ReadI32(message, 24));
-  r.serverTime = ReadF64(message, 28);
+  std::memcpy(&r.serverTime, message.data() + 28, 8);
   r.results.assign(message.begin() + 36, message.end());
   return r;
 }
@@ -129,11 +121,7 @@ inline Reply ParseReply(const Bytes& message) {
 inline std::string Hex(const Bytes& bytes) {
   static constexpr char kDigits[] = "0123456789ABCDEF";
   std::string out;
-  for (uint8_t b : bytes) {
-    if (!out.empty()) out += ' ';
-    out += kDigits[b >> 4];
-    out += kDigits[b & 0xF];
-  }
+  for (uint8_t b : bytes) out += std::string(out.empty() ? "" : " ") + kDigits[b >> 4] + kDigits[b & 0xF];
   return out;
 }
 
@@ -143,9 +131,41 @@ inline uint16_t FreePort() {
   InetAddr any;
   any.SetAny(0);
   probe.SetAddress(any);
-  if (probe.Open() != 0) return 0;
-  return probe.Address().Port();
+  return probe.Open() == 0 ? probe.Address().Port() : 0;
 }
+
+// Adds a TCP passport on every interface: on `port`, or on a free one
+// (retried, since another process may take it first). The port, 0 on failure.
+inline uint16_t Listen(ObjectAdapter& adapter, uint16_t port = 0) {
+  for (int attempt = 0; attempt < 20; ++attempt) {
+    const uint16_t candidate = port != 0 ? port : FreePort();
+    if (adapter.AddPassport("tcp -h #any -p " + std::to_string(candidate))) return candidate;
+    if (port != 0) break;
+  }
+  return 0;
+}
+
+// One servant in an active adapter of a communicator of its own, listening.
+struct TestServer {
+  explicit TestServer(const SmartPtr<Object>& servant, uint16_t wantedPort = 0, const std::string& id = "A")
+      : adapter(communicator->CreateObjectAdapter(std::string("Test"))), name(id) {
+    adapter->AddServant(servant, id);
+    adapter->Activate();
+    port = Listen(*adapter, wantedPort);
+  }
+  ~TestServer() { communicator->Destroy(); }
+  TestServer(const TestServer&) = delete;
+  TestServer& operator=(const TestServer&) = delete;
+
+  std::string ProxyString(uint32_t timeoutMs = 2000) const {
+    return name + ":tcp -h 127.0.0.1 -p " + std::to_string(port) + " -t " + std::to_string(timeoutMs);
+  }
+
+  SmartPtr<Communicator> communicator = Initialize();
+  SmartPtr<ObjectAdapter> adapter;
+  std::string name;
+  uint16_t port = 0;
+};
 
 // A plain TCP client on 127.0.0.1 that sends and receives raw bytes.
 class RawClient {
@@ -157,8 +177,7 @@ class RawClient {
            m_socket.Connect(address.SockAddr(), InetAddr::SockAddrLen());
   }
   bool Send(const Bytes& bytes) {
-    size_t sent = 0;
-    while (sent < bytes.size()) {
+    for (size_t sent = 0; sent < bytes.size();) {
       const int32_t n = m_socket.Send(bytes.data() + sent, static_cast<int32_t>(bytes.size() - sent));
       if (n <= 0) return false;
       sent += static_cast<size_t>(n);
@@ -180,135 +199,68 @@ class RawClient {
     out.resize(got);
     return out;
   }
-  Bytes ReceiveValidation() { return Receive(HEADER_SIZE); }
-  // One whole reply message: its header, then as many bytes as it says.
-  Bytes ReceiveMessage(uint32_t timeoutMs = 5000) {
-    Bytes message = Receive(HEADER_SIZE, timeoutMs);
+  // One whole message: its header, then as many bytes as it says.
+  Bytes ReceiveMessage() {
+    Bytes message = Receive(HEADER_SIZE);
     if (message.size() != HEADER_SIZE) return message;
     MsgHeaderData header;
     header.Decode(message.data());
-    if (header.size > HEADER_SIZE) {
-      const Bytes rest = Receive(static_cast<size_t>(header.size - HEADER_SIZE), timeoutMs);
-      message.insert(message.end(), rest.begin(), rest.end());
-    }
-    return message;
+    return header.size > HEADER_SIZE ? Concat(message, Receive(static_cast<size_t>(header.size - HEADER_SIZE)))
+                                     : message;
   }
   // True when nothing arrives within the time (the connection stays open).
   bool Silent(uint32_t timeoutMs) { return m_socket.Poll(platform::PollFor::kRead, timeoutMs) == 0; }
-  // True when the server closes the connection within the time.
+  // True when the server closes the connection within the time without
+  // sending anything more.
   bool ClosedByPeer(uint32_t timeoutMs = 5000) {
     uint8_t byte = 0;
-    const uint64_t deadline = platform::TickCountMs() + timeoutMs;
-    for (;;) {
-      const uint64_t now = platform::TickCountMs();
-      if (now >= deadline) return false;
-      if (m_socket.Poll(platform::PollFor::kRead, static_cast<uint32_t>(deadline - now)) != 1) return false;
-      const int32_t r = m_socket.Recv(&byte, 1);
-      if (r <= 0) return true;
-    }
+    return m_socket.Poll(platform::PollFor::kRead, timeoutMs) == 1 && m_socket.Recv(&byte, 1) <= 0;
   }
   void Close() { m_socket.Close(); }
-  platform::SocketView View() const { return m_socket.View(); }
 
  private:
   platform::Socket m_socket;
 };
 
-// A transceiver over in-memory bytes. The test feeds what the "client"
-// sends and reads what the connection wrote; reads block until bytes come,
-// the input ends, or the transceiver is closed.
+// A transceiver over in-memory bytes, for a request handled on the test's
+// thread: reads take what was fed (0 once it runs out, as when the peer has
+// gone), sends are kept, or fail with `sendError` when that is set.
 class FakeTransceiver : public ITransceiver {
  public:
   static constexpr int32_t kHandle = 0x7FFF0000;  // never a descriptor of this process
 
-  explicit FakeTransceiver(int32_t type = 1, int32_t handle = kHandle) : m_type(type), m_handle(handle) {}
+  explicit FakeTransceiver(int32_t type = 1) : m_type(type) {}
 
-  void Feed(const Bytes& bytes) {
-    std::lock_guard lock(m_mutex);
-    m_input.insert(m_input.end(), bytes.begin(), bytes.end());
-    m_changed.notify_all();
-  }
-  // The client is gone: reads of what is missing return 0.
-  void EndInput() {
-    std::lock_guard lock(m_mutex);
-    m_ended = true;
-    m_changed.notify_all();
-  }
-  Bytes Output() {
-    std::lock_guard lock(m_mutex);
-    return m_output;
-  }
-  // Waits until at least n bytes were written.
-  Bytes WaitOutput(size_t n, uint32_t timeoutMs = 5000) {
-    std::unique_lock lock(m_mutex);
-    m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_output.size() >= n; });
-    return m_output;
-  }
-  void FailSends(uint32_t error) {
-    std::lock_guard lock(m_mutex);
-    m_sendError = error;
-  }
+  void Feed(const Bytes& bytes) { m_input.insert(m_input.end(), bytes.begin(), bytes.end()); }
+  const Bytes& Output() const { return m_output; }
+  uint32_t sendError = 0;
 
-  int32_t GetHandle() const override {
-    std::lock_guard lock(m_mutex);
-    return m_open ? m_handle : INVALID_SOCKET;
-  }
+  int32_t GetHandle() const override { return m_open ? kHandle : INVALID_SOCKET; }
   int32_t Open() override { return 0; }
-  void Close() override {
-    std::lock_guard lock(m_mutex);
-    if (!m_open) return;
-    m_open = false;
-    m_changed.notify_all();
-  }
-  bool IsOpen() const override {
-    std::lock_guard lock(m_mutex);
-    return m_open;
-  }
-  int32_t WaitForRecv(uint32_t timeoutMs) override {
-    std::unique_lock lock(m_mutex);
-    const auto ready = [&] { return !m_open || !m_input.empty() || m_ended; };
-    if (timeoutMs == 0) {
-      m_changed.wait(lock, ready);
-    } else if (!m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), ready)) {
-      TavixSetLastError(Err::ReceiveTimeout);
-      return -2;
-    }
-    return m_open ? 1 : -3;
-  }
+  void Close() override { m_open = false; }
+  bool IsOpen() const override { return m_open; }
+  int32_t WaitForRecv(uint32_t) override { return m_open ? 1 : -3; }
   bool IsWaiting() const override { return false; }
-  int32_t Recv(void* buffer, int32_t length) override { return Recvn(buffer, length > 0 ? 1 : length); }
+  int32_t Recv(void* buffer, int32_t length) override { return Recvn(buffer, std::min(length, 1)); }
   int32_t Recvn(void* buffer, int32_t length) override {
-    std::unique_lock lock(m_mutex);
     if (!m_open) return -3;
-    if (length < 1) {
-      TavixSetLastError(Err::IllegalBufferSize);
-      return -2;
-    }
     const auto n = static_cast<size_t>(length);
-    m_changed.wait(lock, [&] { return !m_open || m_input.size() >= n || m_ended; });
-    if (!m_open) return -3;
-    if (m_input.size() < n) return 0;
-    auto* out = static_cast<uint8_t*>(buffer);
-    for (size_t i = 0; i < n; ++i) {
-      out[i] = m_input.front();
-      m_input.pop_front();
-    }
+    if (m_input.size() - m_read < n) return 0;
+    std::memcpy(buffer, m_input.data() + m_read, n);
+    m_read += n;
     return length;
   }
   int32_t Send(const void* buffer, int32_t length) override {
-    std::lock_guard lock(m_mutex);
     if (!m_open) return -3;
-    if (m_sendError != 0) {
-      TavixSetLastError(m_sendError);
+    if (sendError != 0) {
+      TavixSetLastError(sendError);
       return -1;
     }
     const auto* p = static_cast<const uint8_t*>(buffer);
     m_output.insert(m_output.end(), p, p + length);
-    m_changed.notify_all();
     return length;
   }
   bool GetPeer(std::u16string& address, uint16_t& port) const override {
-    if (m_type != 1) return false;
     address = u"10.1.2.3";
     port = 4321;
     return true;
@@ -318,70 +270,61 @@ class FakeTransceiver : public ITransceiver {
   bool IsBroadcast() const override { return false; }
 
  private:
-  mutable std::mutex m_mutex;
-  std::condition_variable m_changed;
-  std::deque<uint8_t> m_input;
+  Bytes m_input;
+  size_t m_read = 0;
   Bytes m_output;
-  bool m_open = true;
-  bool m_ended = false;
-  uint32_t m_sendError = 0;
+  std::atomic<bool> m_open{true};  // Close may come from another thread
   const int32_t m_type;
-  const int32_t m_handle;
 };
 
-// This process's lines of the trace log beside the test executable, each
-// without its "[pid-tid] date time " header.
+// Handles the body of a request message on this thread as a server's run
+// loop would, over an in-memory transceiver; the bytes sent back.
+inline Bytes Handle(const SmartPtr<ObjectAdapter>& adapter, const Bytes& request) {
+  auto transceiver = MakeShared<FakeTransceiver>();
+  auto connection = MakeShared<Connection>();
+  connection->SetTransceiver(SmartPtr<ITransceiver>(transceiver));
+  transceiver->Feed(Bytes(request.begin() + HEADER_SIZE, request.end()));
+  ObjectHelper(connection, adapter, static_cast<int32_t>(request.size())).Invoke();
+  return transceiver->Output();
+}
+
+// This process's lines of the trace log beside the test executable written
+// since construction, each without its "[pid-tid] date time " header.
 class LogLines {
  public:
   LogLines() : m_skip(Read().size()) {}
 
-  // Lines written since construction.
-  std::vector<std::u16string> New() const {
-    std::vector<std::u16string> all = Read();
-    if (all.size() < m_skip) return all;  // the file was emptied meanwhile
-    return std::vector<std::u16string>(all.begin() + static_cast<std::ptrdiff_t>(m_skip), all.end());
-  }
-  // Whether a new line equals `message` (without its line end), waiting a
-  // little for serving threads to write it.
+  // Whether a new line equals `message`, waiting a little for serving
+  // threads to write it.
   bool Has(const std::u16string& message, uint32_t timeoutMs = 3000) const {
-    const uint64_t deadline = platform::TickCountMs() + timeoutMs;
-    for (;;) {
-      for (const std::u16string& line : New()) {
-        if (line == message) return true;
-      }
+    for (const uint64_t deadline = platform::TickCountMs() + timeoutMs;; platform::SleepMs(10)) {
+      const std::vector<std::u16string> all = Read();
+      // A file emptied meanwhile is all new.
+      const size_t skip = all.size() < m_skip ? 0 : m_skip;
+      if (std::find(all.begin() + static_cast<std::ptrdiff_t>(skip), all.end(), message) != all.end()) return true;
       if (platform::TickCountMs() >= deadline) return false;
-      platform::SleepMs(10);
     }
   }
-  size_t Count(const std::u16string& message) const {
-    size_t n = 0;
-    for (const std::u16string& line : New()) n += line == message ? 1 : 0;
-    return n;
-  }
 
+ private:
   static std::vector<std::u16string> Read() {
     std::ifstream in(TraceLog::LogPathFor(platform::ExecutablePath()), std::ios::binary);
     const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    std::u16string text;
-    for (size_t i = 0; i + 1 < bytes.size(); i += 2) {
-      text.push_back(static_cast<char16_t>(static_cast<uint8_t>(bytes[i]) | static_cast<uint8_t>(bytes[i + 1]) << 8));
-    }
+    std::u16string text(bytes.size() / 2, u'\0');
+    std::memcpy(text.data(), bytes.data(), text.size() * 2);
     const std::u16string prefix = FormatString(u"[%05d-", static_cast<int32_t>(platform::ProcessId()));
     std::vector<std::u16string> lines;
-    size_t start = 0;
-    for (size_t end; (end = text.find(u"\r\n", start)) != std::u16string::npos; start = end + 2) {
+    for (size_t start = 0, end; (end = text.find(u"\r\n", start)) != std::u16string::npos; start = end + 2) {
       std::u16string line = text.substr(start, end - start);
       if (!line.empty() && line[0] == 0xFEFF) line.erase(0, 1);
-      if (line.rfind(prefix, 0) != 0) continue;
-      // "[ppppp-ttttt] yyyy-mm-dd hh:mm:ss:mmm " is followed by the message.
+      // "[ppppp-ttttt] yyyy-mm-dd hh:mm:ss:mmm " comes before the message.
       const size_t close = line.find(u"] ");
-      if (close == std::u16string::npos || line.size() < close + 2 + 24) continue;
-      lines.push_back(line.substr(close + 2 + 24));
+      if (line.rfind(prefix, 0) != 0 || close == std::u16string::npos || line.size() < close + 26) continue;
+      lines.push_back(line.substr(close + 26));
     }
     return lines;
   }
 
- private:
   size_t m_skip;
 };
 
