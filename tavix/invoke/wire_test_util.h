@@ -184,16 +184,12 @@ class RawClient {
     }
     return true;
   }
-  // Exactly n bytes, or fewer when the peer closed or the time ran out.
-  Bytes Receive(size_t n, uint32_t timeoutMs = 5000) {
+  // Exactly n bytes, or fewer when the peer closed or nothing came for 5 s.
+  Bytes Receive(size_t n) {
     Bytes out(n);
     size_t got = 0;
-    const uint64_t deadline = platform::TickCountMs() + timeoutMs;
-    while (got < n) {
-      const uint64_t now = platform::TickCountMs();
-      if (now >= deadline || m_socket.Poll(platform::PollFor::kRead, static_cast<uint32_t>(deadline - now)) != 1) break;
-      const int32_t r = m_socket.Recv(out.data() + got, static_cast<int32_t>(n - got));
-      if (r <= 0) break;
+    for (int32_t r = 0; got < n && m_socket.Poll(platform::PollFor::kRead, 5000) == 1 &&
+                        (r = m_socket.Recv(out.data() + got, static_cast<int32_t>(n - got))) > 0;) {
       got += static_cast<size_t>(r);
     }
     out.resize(got);
