@@ -7,7 +7,7 @@
 #include <string>
 
 #include "tavix/invoke/wire_test_util.h"
-#include "tavix/transport/connection_factory.h"
+#include "tavix/transport/tcp_connection_factory.h"
 
 namespace TAVIX {
 namespace {
@@ -34,45 +34,22 @@ TEST(Connection, ValidationAndCloseBytes) {
   EXPECT_TRUE(udp->Output().empty());
 }
 
-// Records the one report of a run loop.
-class RecordingFactory : public IConnectionFactory {
- public:
-  int32_t reports = 0;
-  TavixDisconnectReason reason = DISCONNECT_NORMAL;
-  bool withConnection = false;
-
-  bool Activate() override { return true; }
-  void Destroy() override {}
-  void WaitUntilDestroy() override {}
-  bool ConnectionClosed(const SmartPtr<Connection>& connection, TavixDisconnectReason why) override {
-    ++reports;
-    reason = why;
-    withConnection = connection.get() != nullptr;
-    return true;
-  }
-  const SmartPtr<IPassport>& GetPassport() const override { return m_passport; }
-  const SmartPtr<ObjectAdapter>& GetAdapter() const override { return m_adapter; }
-
- private:
-  SmartPtr<IPassport> m_passport;
-  SmartPtr<ObjectAdapter> m_adapter = MakeShared<ObjectAdapter>();
-};
-
 TEST(Connection, FailedValidationIsAReceiveErrorWithoutStopLine) {
   LogLines log;
-  auto factory = MakeShared<RecordingFactory>();
+  auto adapter = MakeShared<ObjectAdapter>();
+  int32_t reason = -1;
+  adapter->RegisterDisconnectNotification(
+      [](void* context, TavixDisconnectReason why) { *static_cast<int32_t*>(context) = why; }, &reason);
   auto transceiver = MakeShared<FakeTransceiver>();
   transceiver->sendError = EPIPE;
-  auto connection = MakeShared<Connection>(SmartPtr<IConnectionFactory>(factory));
+  auto connection = MakeShared<Connection>(MakeShared<TcpConnectionFactory>(nullptr, adapter));
   connection->SetTransceiver(SmartPtr<ITransceiver>(transceiver));
   ASSERT_TRUE(connection->Activate());
   std::u16string text;
   GetErrMsg(EPIPE, text);
   EXPECT_TRUE(log.Has(FormatString(u"ERROR: Send Validation message to client failed:%d,%s.", EPIPE, text)));
   connection->WaitUntilDestroy();
-  EXPECT_EQ(1, factory->reports);
-  EXPECT_EQ(DISCONNECT_RECV_ERROR, factory->reason);
-  EXPECT_TRUE(factory->withConnection);
+  EXPECT_EQ(DISCONNECT_RECV_ERROR, reason);
   EXPECT_TRUE(log.Has(u"Thread for client  started.", 0));
   EXPECT_FALSE(log.Has(u"Thread for client  stoped.", 0));
 }

@@ -256,11 +256,7 @@ class FakeTransceiver : public ITransceiver {
     m_output.insert(m_output.end(), p, p + length);
     return length;
   }
-  bool GetPeer(std::u16string& address, uint16_t& port) const override {
-    address = u"10.1.2.3";
-    port = 4321;
-    return true;
-  }
+  bool GetPeer(std::u16string&, uint16_t&) const override { return false; }
   int32_t Type() const override { return m_type; }
   int32_t MaxMessageSize() const override { return 0; }
   bool IsBroadcast() const override { return false; }
