@@ -46,16 +46,6 @@ class FakeTransceiver : public TcpTransceiver {
   int32_t recvTake = 0x7FFFFFFF;
 };
 
-TEST(StreamMemBuf, GrowsWithoutNextAndKeepsEveryByte) {
-  StreamMemBuf mem;
-  const Bytes data = Pattern(65537);
-  EXPECT_EQ(mem.sputn(data.data(), 65537), 65537);
-  EXPECT_EQ(mem.capacity(), 131072);
-  EXPECT_EQ(mem.reserve(1000), 0);  // never shrinks
-  EXPECT_EQ(mem.reserve(200000), 200000);
-  EXPECT_TRUE(std::equal(data.begin(), data.end(), mem.block()));
-}
-
 TEST(StreamMemBuf, LimitAndModeRules) {
   StreamMemBuf mem;
   mem.setLimit(10);

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <thread>
 
 #include "tavix/core/inet_addr.h"
 #include "tavix/transport/tcp_acceptor.h"
@@ -51,6 +52,17 @@ inline TcpPair ConnectedPair() {
 
 inline int64_t MsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Polls `done` until it holds; false when it still does not after two seconds.
+template <class Predicate>
+bool Eventually(Predicate done) {
+  const auto start = std::chrono::steady_clock::now();
+  while (!done()) {
+    if (MsSince(start) > 2000) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
 }
 
 }  // namespace TAVIX::testing
