@@ -22,8 +22,6 @@ template <class T>
 concept Writable = requires(BasicStream& s, T v) { s.write(v); };
 template <class T>
 concept Readable = requires(BasicStream& s, T& v) { s.read(v); };
-template <class T>
-concept Measurable = requires(T v) { BasicStream::lengthOf(v); };
 
 static_assert(Writable<int32_t> && Writable<int64_t> && Writable<int16_t> && Writable<bool>);
 static_assert(Writable<unsigned char> && Writable<float> && Writable<double>);
@@ -31,7 +29,6 @@ static_assert(!Writable<long long> && !Writable<unsigned> && !Writable<uint64_t>
 static_assert(!Writable<char> && !Writable<char16_t> && !Writable<uint16_t>);
 static_assert(!Writable<const char*> && !Writable<const char16_t*>, "a literal must not become a bool");
 static_assert(!Readable<long long> && !Readable<uint32_t> && !Readable<char>);
-static_assert(!Measurable<long long> && !Measurable<const char*>);
 
 using Fill = std::function<void(BasicStream&)>;
 
@@ -57,12 +54,8 @@ TEST(BasicStreamWire, EncodingVectors) {
       {"bool seq", [](BasicStream& s) { s.write(std::vector<bool>{true, false, true}); }, B({3, 1, 0, 1})},
       {"string seq", [](BasicStream& s) { s.write(std::vector<std::string>{"a", ""}); }, B({2, 1, 0x61, 0})},
       {"int16 seq", [](BasicStream& s) { s.write(std::vector<int16_t>{1, -2}); }, B({2, 1, 0, 0xFE, 0xFF})},
-      {"empty seqs",
-       [](BasicStream& s) {
-         s.write(std::vector<bool>()), s.write(std::vector<unsigned char>()), s.write(std::vector<int32_t>());
-         s.write(std::vector<std::u16string>()), s.write(std::vector<SmartPtr<ITavixBlob>>());
-       },
-       B({0, 0, 0, 0, 0})},
+      {"empty seqs", [](BasicStream& s) { s.write(std::vector<int32_t>()), s.write(std::vector<std::string>()); },
+       B({0, 0})},
       {"null blob", [](BasicStream& s) { s.write(SmartPtr<ITavixBlob>()); }, B({0})},
   };
   for (const auto& c : cases) EXPECT_EQ(Encode(c.fill), c.bytes) << c.what;
