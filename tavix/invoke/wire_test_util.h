@@ -1,12 +1,11 @@
-// Test helpers shared by the invocation, adapter, core and tool tests: byte
-// builders for messages, a served adapter on a free port, a raw TCP client,
-// an in-memory transceiver and a reader of this process's trace-log lines.
+// Test helpers shared by the invocation, adapter and tool tests: byte
+// builders for messages, a served adapter on a free port, a raw TCP client
+// and a reader of this process's trace-log lines.
 // Header-only: compiled into the test binaries, never into the library.
 #ifndef TAVIX_INVOKE_WIRE_TEST_UTIL_H_
 #define TAVIX_INVOKE_WIRE_TEST_UTIL_H_
 
 #include <algorithm>
-#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
@@ -21,15 +20,12 @@
 #include "tavix/core/inet_addr.h"
 #include "tavix/core/text.h"
 #include "tavix/core/trace_log.h"
-#include "tavix/invoke/connection.h"
-#include "tavix/invoke/object_helper.h"
 #include "tavix/marshal/blob.h"
 #include "tavix/marshal/message_header.h"
 #include "tavix/platform/clock.h"
 #include "tavix/platform/process.h"
 #include "tavix/platform/socket.h"
 #include "tavix/transport/tcp_acceptor.h"
-#include "tavix/transport/transceiver.h"
 
 namespace TAVIX::test_wire {
 
@@ -217,68 +213,6 @@ class RawClient {
  private:
   platform::Socket m_socket;
 };
-
-// A transceiver over in-memory bytes, for a request handled on the test's
-// thread: reads take what was fed (0 once it runs out, as when the peer has
-// gone), sends are kept, or fail with `sendError` when that is set.
-class FakeTransceiver : public ITransceiver {
- public:
-  static constexpr int32_t kHandle = 0x7FFF0000;  // never a descriptor of this process
-
-  explicit FakeTransceiver(int32_t type = 1) : m_type(type) {}
-
-  void Feed(const Bytes& bytes) { m_input.insert(m_input.end(), bytes.begin(), bytes.end()); }
-  const Bytes& Output() const { return m_output; }
-  uint32_t sendError = 0;
-
-  int32_t GetHandle() const override { return m_open ? kHandle : INVALID_SOCKET; }
-  int32_t Open() override { return 0; }
-  void Close() override { m_open = false; }
-  bool IsOpen() const override { return m_open; }
-  int32_t WaitForRecv(uint32_t) override { return m_open ? 1 : -3; }
-  bool IsWaiting() const override { return false; }
-  int32_t Recv(void* buffer, int32_t length) override { return Recvn(buffer, std::min(length, 1)); }
-  int32_t Recvn(void* buffer, int32_t length) override {
-    if (!m_open) return -3;
-    const auto n = static_cast<size_t>(length);
-    if (m_input.size() - m_read < n) return 0;
-    std::memcpy(buffer, m_input.data() + m_read, n);
-    m_read += n;
-    return length;
-  }
-  int32_t Send(const void* buffer, int32_t length) override {
-    if (!m_open) return -3;
-    if (sendError != 0) {
-      TavixSetLastError(sendError);
-      return -1;
-    }
-    const auto* p = static_cast<const uint8_t*>(buffer);
-    m_output.insert(m_output.end(), p, p + length);
-    return length;
-  }
-  bool GetPeer(std::u16string&, uint16_t&) const override { return false; }
-  int32_t Type() const override { return m_type; }
-  int32_t MaxMessageSize() const override { return 0; }
-  bool IsBroadcast() const override { return false; }
-
- private:
-  Bytes m_input;
-  size_t m_read = 0;
-  Bytes m_output;
-  std::atomic<bool> m_open{true};  // Close may come from another thread
-  const int32_t m_type;
-};
-
-// Handles the body of a request message on this thread as a server's run
-// loop would, over an in-memory transceiver; the bytes sent back.
-inline Bytes Handle(const SmartPtr<ObjectAdapter>& adapter, const Bytes& request) {
-  auto transceiver = MakeShared<FakeTransceiver>();
-  auto connection = MakeShared<Connection>();
-  connection->SetTransceiver(SmartPtr<ITransceiver>(transceiver));
-  transceiver->Feed(Bytes(request.begin() + HEADER_SIZE, request.end()));
-  ObjectHelper(connection, adapter, static_cast<int32_t>(request.size())).Invoke();
-  return transceiver->Output();
-}
 
 // This process's lines of the trace log beside the test executable written
 // since construction, each without its "[pid-tid] date time " header.
