@@ -163,7 +163,8 @@ TEST_F(ServerTest, EveryLoopEndingHasItsReasonAndLogLine) {
   } cases[] = {
       {Header(MSG_CLOSE, 20), false, DISCONNECT_NORMAL, u""},
       {badCrc, false, DISCONNECT_RECV_ERROR, u"ERROR: Receive packect error(-2): 536870945,CRC check error."},
-      {Header(MSG_REQUEST, -5), false, DISCONNECT_RECV_ERROR, u"ERROR: Receive packect error(-2): 536871940,Illegal size"},
+      {Header(MSG_REQUEST, -5), false, DISCONNECT_RECV_ERROR,
+       u"ERROR: Receive packect error(-2): 536871940,Illegal size"},
       {Bytes(8, 0x58), true, DISCONNECT_NETWORK_CLOSED, u"ERROR: Network Closed when receive packect(0)."},
       {Header(MSG_VALIDATE, 20), false, DISCONNECT_PROTOCOL_ERROR,
        u"ERROR: Request not supported::536870927,Message type not support."},

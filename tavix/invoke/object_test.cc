@@ -96,8 +96,10 @@ TEST_F(RequestTest, ErrorRepliesEchoTheIdAndCarryNoResults) {
     std::u16string operation;
     uint32_t status;
   } cases[] = {
-      {u"a", u"ObjectPing", Err::ObjectNotFound},   {u"A", u"Print", Err::OperationNotFound},
-      {u"A", u"objectping", Err::OperationNotFound}, {u"A", u"ObjectPing", 5},
+      {u"a", u"ObjectPing", Err::ObjectNotFound},
+      {u"A", u"Print", Err::OperationNotFound},
+      {u"A", u"objectping", Err::OperationNotFound},
+      {u"A", u"ObjectPing", 5},
       {u"A", u"Forget", Err::Unhandled},
   };
   int32_t id = 10;

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <list>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -59,19 +60,25 @@ class TestServant final : public Object {
 // runs the next script on each; connections stay open until it goes.
 class FakeServer {
  public:
-  using Script = std::function<void(ITransceiver&)>;
+  using Script = std::function<void(RawClient&)>;
 
   explicit FakeServer(std::vector<Script> scripts) {
-    InetAddr loopback;
-    loopback.Set("127.0.0.1", 0);
-    m_acceptor->SetAddress(loopback);
-    EXPECT_EQ(0, m_acceptor->Open());
+    InetAddr address;
+    address.Set("127.0.0.1", 0);
+    uint32_t length = InetAddr::SockAddrLen();
+    EXPECT_TRUE(m_listener.Create(platform::SocketType::kStream) && m_listener.Bind(address.SockAddr(), length) &&
+                m_listener.Listen(4) && m_listener.LocalName(address.SockAddr(), length));
+    m_port = address.Port();
     m_thread = std::thread([this, scripts] {
       for (const Script& script : scripts) {
-        SmartPtr<ITransceiver> peer;
-        if (m_acceptor->Accept(peer, 5000) != 0) return;
-        m_peers.push_back(peer);
-        script(*peer);
+        platform::Socket accepted;
+        uint32_t peerLength = InetAddr::SockAddrLen();
+        InetAddr peer;
+        if (m_listener.Poll(platform::PollFor::kRead, 5000) != 1 ||
+            !m_listener.Accept(accepted, peer.SockAddr(), peerLength)) {
+          return;
+        }
+        script(m_peers.emplace_back(std::move(accepted)));
       }
     });
   }
@@ -80,30 +87,15 @@ class FakeServer {
     if (m_thread.joinable()) m_thread.join();
   }
   std::string ProxyString(uint32_t timeoutMs = 2000) const {
-    return "A:tcp -h 127.0.0.1 -p " + std::to_string(m_acceptor->Address().Port()) + " -t " +
-           std::to_string(timeoutMs);
+    return "A:tcp -h 127.0.0.1 -p " + std::to_string(m_port) + " -t " + std::to_string(timeoutMs);
   }
 
  private:
-  SmartPtr<TcpAcceptor> m_acceptor = MakeShared<TcpAcceptor>();
-  std::vector<SmartPtr<ITransceiver>> m_peers;
+  platform::Socket m_listener;
+  uint16_t m_port = 0;
+  std::list<RawClient> m_peers;
   std::thread m_thread;
 };
-
-void SendBytes(ITransceiver& peer, const Bytes& bytes) {
-  EXPECT_EQ(static_cast<int32_t>(bytes.size()), peer.Send(bytes.data(), static_cast<int32_t>(bytes.size())));
-}
-
-// One whole message, or nothing when none comes within the time.
-Bytes ReadMessage(ITransceiver& peer, uint32_t timeoutMs = 3000) {
-  Bytes header(HEADER_SIZE);
-  if (peer.WaitForRecv(timeoutMs) < 1 || peer.Recvn(header.data(), HEADER_SIZE) != HEADER_SIZE) return {};
-  MsgHeaderData decoded;
-  decoded.Decode(header.data());
-  Bytes body(static_cast<size_t>(decoded.size - HEADER_SIZE));
-  if (!body.empty() && peer.Recvn(body.data(), static_cast<int32_t>(body.size())) < 1) return {};
-  return Concat(header, body);
-}
 
 Bytes PingReply(const Bytes& request) { return ReplyMessage(ReadI32(request, 20), 0); }
 
@@ -224,13 +216,13 @@ TEST_F(ProxyTest, FirstCallValidatesAndTheEndSendsClose) {
   std::vector<Bytes> requests;
   Bytes closes[2];
   const auto serve = [&](int pings, Bytes* closing) {
-    return [&, pings, closing](ITransceiver& peer) {
-      SendBytes(peer, Header(MSG_VALIDATE, HEADER_SIZE));
+    return [&, pings, closing](RawClient& peer) {
+      EXPECT_TRUE(peer.Send(Header(MSG_VALIDATE, HEADER_SIZE)));
       for (int i = 0; i < pings; ++i) {
-        requests.push_back(ReadMessage(peer));
-        SendBytes(peer, PingReply(requests.back()));
+        requests.push_back(peer.ReceiveMessage());
+        EXPECT_TRUE(peer.Send(PingReply(requests.back())));
       }
-      *closing = ReadMessage(peer);
+      *closing = peer.ReceiveMessage();
     };
   };
   FakeServer server({serve(3, &closes[0]), serve(1, &closes[1])});
@@ -254,11 +246,11 @@ TEST_F(ProxyTest, FirstCallValidatesAndTheEndSendsClose) {
 // What the server does wrong and the call's result; the connection is
 // closed afterwards (0x20000020).
 TEST_F(ProxyTest, BrokenServersFailTheCallWithTheirCode) {
-  const auto validateThen = [](std::function<void(ITransceiver&, const Bytes&)> act) {
-    return [act](ITransceiver& peer) {
-      SendBytes(peer, Header(MSG_VALIDATE, HEADER_SIZE));
-      act(peer, ReadMessage(peer));
-      ReadMessage(peer, 1000);  // a second ping would show here; the client hangs up instead
+  const auto validateThen = [](std::function<void(RawClient&, const Bytes&)> act) {
+    return [act](RawClient& peer) {
+      EXPECT_TRUE(peer.Send(Header(MSG_VALIDATE, HEADER_SIZE)));
+      act(peer, peer.ReceiveMessage());
+      peer.ReceiveMessage();  // a second ping would show here; the client hangs up instead
     };
   };
   Bytes badCrc = Header(MSG_VALIDATE, HEADER_SIZE);
@@ -270,21 +262,22 @@ TEST_F(ProxyTest, BrokenServersFailTheCallWithTheirCode) {
     FakeServer::Script script;
     uint32_t result;
   } cases[] = {
-      {"wrong validation type", [](ITransceiver& peer) { SendBytes(peer, Header(MSG_REPLY, HEADER_SIZE)); },
+      {"wrong validation type", [](RawClient& peer) { EXPECT_TRUE(peer.Send(Header(MSG_REPLY, HEADER_SIZE))); },
        Err::ValidateFail},
-      {"validation with a broken CRC", [badCrc](ITransceiver& peer) { SendBytes(peer, badCrc); }, Err::CrcError},
-      {"no validation at all", [](ITransceiver& peer) { ReadMessage(peer, 1000); }, Err::ReceiveTimeout},
-      {"closed before validating", [](ITransceiver& peer) { peer.Close(); }, Err::ConnectionClosed},
-      {"reply for another id",
-       validateThen([](ITransceiver& peer, const Bytes& r) { SendBytes(peer, ReplyMessage(ReadI32(r, 20) + 7, 0)); }),
+      {"validation with a broken CRC", [badCrc](RawClient& peer) { EXPECT_TRUE(peer.Send(badCrc)); }, Err::CrcError},
+      {"no validation at all", [](RawClient& peer) { peer.ReceiveMessage(); }, Err::ReceiveTimeout},
+      {"closed before validating", [](RawClient& peer) { peer.Close(); }, Err::ConnectionClosed},
+      {"reply for another id", validateThen([](RawClient& peer, const Bytes& r) {
+         EXPECT_TRUE(peer.Send(ReplyMessage(ReadI32(r, 20) + 7, 0)));
+       }),
        Err::ReplyIdError},
       {"reply of another type",
-       validateThen([](ITransceiver& peer, const Bytes&) { SendBytes(peer, Header(MSG_VALIDATE, 36)); }),
+       validateThen([](RawClient& peer, const Bytes&) { EXPECT_TRUE(peer.Send(Header(MSG_VALIDATE, 36))); }),
        Err::ReplyTypeError},
       {"reply with a broken header",
-       validateThen([badMagic](ITransceiver& peer, const Bytes&) { SendBytes(peer, badMagic); }), Err::BadMagic},
-      {"no reply", validateThen([](ITransceiver&, const Bytes&) {}), Err::ReceiveTimeout},
-      {"server gone mid-call", validateThen([](ITransceiver& peer, const Bytes&) { peer.Close(); }),
+       validateThen([badMagic](RawClient& peer, const Bytes&) { EXPECT_TRUE(peer.Send(badMagic)); }), Err::BadMagic},
+      {"no reply", validateThen([](RawClient&, const Bytes&) {}), Err::ReceiveTimeout},
+      {"server gone mid-call", validateThen([](RawClient& peer, const Bytes&) { peer.Close(); }),
        Err::ConnectionClosed},
   };
   for (const auto& c : cases) {
@@ -300,13 +293,13 @@ TEST_F(ProxyTest, BrokenServersFailTheCallWithTheirCode) {
 TEST_F(ProxyTest, RecordedRequestsMatchSentOnesAndAreSentAsTheyAre) {
   Bytes sentNote;
   Bytes replayed;
-  FakeServer server({[&](ITransceiver& peer) {
-    SendBytes(peer, Header(MSG_VALIDATE, HEADER_SIZE));
-    sentNote = ReadMessage(peer);
-    replayed = ReadMessage(peer);
+  FakeServer server({[&](RawClient& peer) {
+    EXPECT_TRUE(peer.Send(Header(MSG_VALIDATE, HEADER_SIZE)));
+    sentNote = peer.ReceiveMessage();
+    replayed = peer.ReceiveMessage();
     // The reply's id is not compared for a sent blob.
-    SendBytes(peer, ReplyMessage(99999, Err::ObjectNotFound));
-    SendBytes(peer, PingReply(ReadMessage(peer)));
+    EXPECT_TRUE(peer.Send(ReplyMessage(99999, Err::ObjectNotFound)));
+    EXPECT_TRUE(peer.Send(PingReply(peer.ReceiveMessage())));
   }});
   SmartPtr<ProxyObject> proxy = Proxy(server.ProxyString());
 

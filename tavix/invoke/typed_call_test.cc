@@ -45,10 +45,8 @@ class MixServant : public Object {
     std::lock_guard lock(m_mutex);
     return m_notes;
   }
-  void Dispatch(ObjectHelper& request) override {
-    ServantTable<MixServant, Entry<MixOp, &MixServant::Mix>, Entry<NoteOp, &MixServant::Note>>::Dispatch(*this,
-                                                                                                      request);
-  }
+  using Table = ServantTable<MixServant, Entry<MixOp, &MixServant::Mix>, Entry<NoteOp, &MixServant::Note>>;
+  void Dispatch(ObjectHelper& request) override { Table::Dispatch(*this, request); }
 
  private:
   std::mutex m_mutex;
@@ -89,8 +87,8 @@ TEST(TypedCall, SkeletonAndProxyMarshalTheSameValuesInOrder) {
   bool flag = false;
   std::string narrow;
   int64_t sum = 0;
-  ASSERT_EQ(0u, Invoke<MixOp>(*proxy, 40, std::u16string(u"h\u00e9"), std::vector<double>{1.5, -2.0}, flag, narrow,
-                              sum));
+  ASSERT_EQ(0u,
+            Invoke<MixOp>(*proxy, 40, std::u16string(u"h\u00e9"), std::vector<double>{1.5, -2.0}, flag, narrow, sum));
   EXPECT_TRUE(flag);
   EXPECT_EQ("h\xC3\xA9", narrow);
   EXPECT_EQ(0x010000000000002A, sum);

@@ -163,9 +163,12 @@ struct TestServer {
   uint16_t port = 0;
 };
 
-// A plain TCP client on 127.0.0.1 that sends and receives raw bytes.
+// A plain TCP client on 127.0.0.1 (or an accepted socket) that sends and
+// receives raw bytes.
 class RawClient {
  public:
+  RawClient() = default;
+  explicit RawClient(platform::Socket&& accepted) : m_socket(std::move(accepted)) {}
   bool Connect(uint16_t port) {
     InetAddr address;
     address.Set("127.0.0.1", port);
