@@ -38,17 +38,19 @@ TEST(ObjectAdapter, ServantsByExactId) {
   EXPECT_TRUE(adapter->AddServant(SmartPtr<Object>(two), std::string("printer")));
   EXPECT_EQ(one.get(), adapter->FindServant(u"Printer").get());
   EXPECT_EQ(two.get(), adapter->FindServant(u"printer").get());
-  EXPECT_FALSE(adapter->FindServant(u"PRINTER"));
-  EXPECT_EQ(Err::ObjectNotFound, TavixGetLastError());
   EXPECT_TRUE(adapter->RemoveServant(std::string("Printer")));
-  TavixSetLastError(0);
-  EXPECT_FALSE(adapter->RemoveServant(std::u16string(u"Printer")));
-  EXPECT_EQ(Err::ObjectNotFound, TavixGetLastError());
   EXPECT_EQ(1, one->RefCount()) << "the adapter let the removed servant go";
+  const auto notFound = [](bool result) { return !result && TavixGetLastError() == Err::ObjectNotFound; };
+  std::vector<std::string> proxies;
+  EXPECT_TRUE(notFound(static_cast<bool>(adapter->FindServant(u"PRINTER"))));
+  EXPECT_TRUE(notFound(adapter->RemoveServant(std::u16string(u"Printer"))));
+  EXPECT_TRUE(notFound(adapter->GetProxyString(std::string("Printer"), proxies)));
 }
 
-TEST(ObjectAdapter, PassportConflictsAndOpening) {
+// The printed form of proxy strings is checked through `tavix serve`.
+TEST(ObjectAdapter, PassportsConflictOpenAndClose) {
   auto adapter = MakeShared<ObjectAdapter>();
+  ASSERT_TRUE(adapter->AddServant(MakeShared<Object>(), std::u16string(u"Obj")));
   const uint16_t port = FreePort();
   // Inactive: nothing is opened, so even a foreign address is taken.
   ASSERT_TRUE(adapter->AddPassport(Endpoint(port, "10.0.0.1")));
@@ -66,13 +68,16 @@ TEST(ObjectAdapter, PassportConflictsAndOpening) {
   }
   EXPECT_TRUE(adapter->AddPassport(Endpoint(port, "10.0.0.2"))) << "another host, no conflict";
   const uint16_t local = FreePort();
-  ASSERT_TRUE(adapter->AddPassport(Endpoint(local)));
+  SmartPtr<IPassport> passport = adapter->AddPassport(Endpoint(local));
+  ASSERT_TRUE(passport);
   EXPECT_FALSE(Accepts(local)) << "opened while inactive";
 
   // The foreign passports fail to start; Activate does not mind.
   EXPECT_TRUE(adapter->Activate());
   EXPECT_EQ(ADAPTER_ACTIVE, adapter->GetStatus());
-  EXPECT_TRUE(Accepts(local));
+  RawClient before;
+  ASSERT_TRUE(before.Connect(local));
+  ASSERT_EQ(Header(MSG_VALIDATE, 20), before.Receive(HEADER_SIZE));
 
   // Active: a passport is opened at once, and its failure is the caller's.
   EXPECT_FALSE(adapter->AddPassport(Endpoint(FreePort(), "10.0.0.3")));
@@ -82,43 +87,22 @@ TEST(ObjectAdapter, PassportConflictsAndOpening) {
   EXPECT_FALSE(other->AddPassport(Endpoint(local)));
   EXPECT_EQ(static_cast<uint32_t>(EADDRINUSE), TavixGetLastError());
 
+  std::vector<std::string> proxies{"kept"};
+  EXPECT_TRUE(adapter->GetProxyString(std::string("Obj"), proxies));
+  EXPECT_EQ(4u, proxies.size()) << "appended to what was there";
+  EXPECT_TRUE(adapter->RemovePassport(passport));
+  EXPECT_TRUE(before.ClosedByPeer(1000)) << "its connections end with it";
+  EXPECT_FALSE(Accepts(local));
+  proxies.clear();
+  adapter->GetProxyString(std::string("Obj"), proxies);
+  EXPECT_EQ(2u, proxies.size());
+  EXPECT_TRUE(adapter->AddPassport(Endpoint(local))) << "the port can be opened again";
+
   for (auto* a : {&adapter, &other}) {
     (*a)->Destroy();
     (*a)->WaitUntilDestroy();
     EXPECT_EQ(1, (*a)->RefCount()) << "the factories let the adapter go";
   }
-}
-
-// The printed form of proxy strings is checked through `tavix serve`.
-TEST(ObjectAdapter, RemovedPassportClosesItsPortConnectionsAndProxyString) {
-  auto adapter = MakeShared<ObjectAdapter>();
-  ASSERT_TRUE(adapter->AddServant(MakeShared<Object>(), std::u16string(u"Obj")));
-  std::vector<std::string> proxies{"kept"};
-  TavixSetLastError(0);
-  EXPECT_FALSE(adapter->GetProxyString(std::string("Nobody"), proxies));
-  EXPECT_EQ(Err::ObjectNotFound, TavixGetLastError());
-  adapter->Activate();
-  ASSERT_NE(0, Listen(*adapter));
-  const uint16_t port = FreePort();
-  SmartPtr<IPassport> passport = adapter->AddPassport(Endpoint(port));
-  ASSERT_TRUE(passport);
-  EXPECT_TRUE(adapter->GetProxyString(std::string("Obj"), proxies));
-  EXPECT_EQ(3u, proxies.size()) << "appended to what was there";
-
-  RawClient before;
-  ASSERT_TRUE(before.Connect(port));
-  ASSERT_EQ(Header(MSG_VALIDATE, 20), before.Receive(HEADER_SIZE));
-  EXPECT_TRUE(adapter->RemovePassport(passport));
-  EXPECT_TRUE(before.ClosedByPeer(1000)) << "its connections end with it";
-  EXPECT_FALSE(Accepts(port));
-  proxies.clear();
-  adapter->GetProxyString(std::string("Obj"), proxies);
-  EXPECT_EQ(1u, proxies.size());
-  EXPECT_EQ(std::string::npos, proxies[0].find(" -p " + std::to_string(port) + " "));
-  EXPECT_TRUE(adapter->AddPassport(Endpoint(port))) << "the port can be opened again";
-
-  adapter->Destroy();
-  adapter->WaitUntilDestroy();
   proxies.clear();
   EXPECT_TRUE(adapter->GetProxyString(std::string("Obj"), proxies));
   EXPECT_TRUE(proxies.empty());

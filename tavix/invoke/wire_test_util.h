@@ -92,7 +92,6 @@ inline int32_t ReadI32(const Bytes& b, size_t at) {
 
 // The parts of a reply message.
 struct Reply {
-  uint8_t type = 0xFF;
   int32_t size = 0;
   int32_t requestId = 0;
   uint32_t status = 0;
@@ -103,10 +102,7 @@ struct Reply {
 inline Reply ParseReply(const Bytes& message) {
   Reply r;
   if (message.size() < 36) return r;
-  MsgHeaderData header;
-  header.Decode(message.data());
-  r.type = header.type;
-  r.size = header.size;
+  r.size = ReadI32(message, 10);
   r.requestId = ReadI32(message, 20);
   r.status = static_cast<uint32_t>(ReadI32(message, 24));
   std::memcpy(&r.serverTime, message.data() + 28, 8);
