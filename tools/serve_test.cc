@@ -13,6 +13,7 @@
 
 #include "tavix/core/host_info.h"
 #include "tavix/invoke/wire_test_util.h"
+#include "tools/echo_proxy.h"
 
 namespace TAVIX {
 namespace {
@@ -58,40 +59,35 @@ class ToolProcess {
 
 std::string Endpoint(uint16_t port) { return "--endpoint 'tcp -h #any -p " + std::to_string(port) + "'"; }
 
-void ExpectEcho(uint16_t port, const std::u16string& object) {
-  RawClient client;
-  ASSERT_TRUE(client.Connect(port));
-  EXPECT_EQ(Header(MSG_VALIDATE, 20), client.Receive(HEADER_SIZE));
-  const Bytes hello = Writer().wstr(u"hello").get();
-  ASSERT_TRUE(client.Send(Request(7, object, u"Echo", hello)));
-  const Reply reply = ParseReply(client.ReceiveMessage());
-  EXPECT_EQ(7, reply.requestId);
-  EXPECT_EQ(0u, reply.status);
-  EXPECT_EQ(hello, reply.results);
+void ExpectEcho(uint16_t port, const std::string& object) {
+  SmartPtr<EchoPrx> proxy = CreateProxy<EchoPrx>(Initialize(), object + ":tcp -h 127.0.0.1 -p " + std::to_string(port));
+  std::u16string out;
+  EXPECT_EQ(0u, proxy->Echo(u"hello", out));
+  EXPECT_EQ(u"hello", out);
 }
 
 TEST(TavixServe, PrintsProxiesServesEchoAndStopsOnSignals) {
   const std::string host = NarrowString(GetLocalHostName());
-  // SIGTERM: two endpoints and a name; SIGINT: the default name.
+  // SIGTERM: two endpoints and a name; SIGINT: one endpoint, the default name.
   for (const int signal : {SIGTERM, SIGINT}) {
-    const std::vector<uint16_t> ports{FreePort(), signal == SIGTERM ? FreePort() : uint16_t{0}};
     const std::string name = signal == SIGTERM ? "Box" : "Echo";
-    std::string args = signal == SIGTERM ? "serve --name Box" : "serve";
-    std::vector<std::string> expected;
-    for (const uint16_t port : ports) {
-      if (port == 0) continue;
-      args += " " + Endpoint(port);
-      expected.push_back(name + ":tcp -h " + host + " -p " + std::to_string(port) + " -t 0");
+    std::vector<uint16_t> ports{FreePort()};
+    std::string args = "serve " + Endpoint(ports[0]);
+    if (signal == SIGTERM) {
+      ports.push_back(FreePort());
+      args += " " + Endpoint(ports[1]) + " --name Box";
     }
     ToolProcess tool(args);
+    std::vector<std::string> expected;
     std::vector<std::string> lines;
-    for (size_t i = 0; i < expected.size(); ++i) lines.push_back(tool.Line());
+    for (const uint16_t port : ports) {
+      expected.push_back(name + ":tcp -h " + host + " -p " + std::to_string(port) + " -t 0");
+      lines.push_back(tool.Line());
+    }
     std::sort(lines.begin(), lines.end());
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(expected, lines);
-    for (const uint16_t port : ports) {
-      if (port != 0) ExpectEcho(port, WiddenString(name));
-    }
+    for (const uint16_t port : ports) ExpectEcho(port, name);
     tool.Signal(signal);
     EXPECT_EQ(0, tool.Wait()) << "signal " << signal;
   }
