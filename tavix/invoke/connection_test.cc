@@ -9,6 +9,7 @@
 
 #include "tavix/invoke/wire_test_util.h"
 #include "tavix/transport/tcp_connection_factory.h"
+#include "tavix/transport/transceiver.h"
 
 namespace TAVIX {
 namespace {
