@@ -61,16 +61,23 @@ bool TcpConnectionFactory::ConnectionClosed(const SmartPtr<Connection>& connecti
 void TcpConnectionFactory::WaitUntilDestroy() {
   const SmartPtr<IAcceptor> acceptor = Acceptor();
   if (!acceptor || !m_acceptThread) return;
+  // The accept loop stops first: a client it was serving in the meantime is
+  // in the live set by the time the loop has gone, and nothing adds to the
+  // set afterwards.
+  m_active.store(0);
+  acceptor->Interrupt();
+  const bool acceptLoopEnded = m_acceptThread->Join(INFINITE_WAIT, true) != 0;
   {
-    // Held across the waits, so the accept loop cannot add a connection
-    // meanwhile; ending connections report through the closed list only.
     ScopedLock guard(m_liveLock);
     for (const SmartPtr<Connection>& connection : m_liveConnections) connection->WaitUntilDestroy();
     m_liveConnections.clear();
   }
-  m_active.store(0);
-  acceptor->Interrupt();
-  if (m_acceptThread->Join(INFINITE_WAIT, true) == 0) {
+  {
+    // Every connection on this list has been waited for above.
+    ScopedLock guard(m_closedLock);
+    m_closedConnections.clear();
+  }
+  if (!acceptLoopEnded) {
     TraceLog::Write(u"%d TcpConnectionFactory shutdown timeout.", platform::ThreadId());
     acceptor->Close();
   }
@@ -106,14 +113,19 @@ uint32_t TcpConnectionFactory::AcceptLoop() {
 void TcpConnectionFactory::Serve(const SmartPtr<ITransceiver>& transceiver) {
   SmartPtr<Connection> connection = MakeShared<Connection>(SmartPtr<IConnectionFactory>(this));
   connection->SetTransceiver(transceiver);
-  if (!connection->Activate()) {
-    connection->Destroy();
-    connection->WaitUntilDestroy();
-    return;
+  {
+    // Live before its thread runs, so that a shutdown from now on finds it.
+    ScopedLock guard(m_liveLock);
+    m_liveConnections.insert(connection);
+    tavixTrace(u"%d client connected\n", static_cast<int32_t>(m_liveConnections.size()));
   }
-  ScopedLock guard(m_liveLock);
-  m_liveConnections.insert(connection);
-  tavixTrace(u"%d client connected\n", static_cast<int32_t>(m_liveConnections.size()));
+  if (connection->Activate()) return;
+  {
+    ScopedLock guard(m_liveLock);
+    m_liveConnections.erase(connection);
+  }
+  connection->Destroy();
+  connection->WaitUntilDestroy();
 }
 
 // A connection is taken out of the live set before it is waited for, and
