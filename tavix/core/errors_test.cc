@@ -62,14 +62,5 @@ TEST(LastErrorTest, IsPerThreadAndSurvivesScopesThatFail) {
   EXPECT_EQ(0u, seenElsewhere);
 }
 
-TEST(TavixThrowTest, RaisesExceptionCarryingCode) {
-  try {
-    TavixThrow(Err::OutOfBounds);
-    FAIL();
-  } catch (const TavixException& e) {
-    EXPECT_EQ(0x20000402u, e.Code());
-  }
-}
-
 }  // namespace
 }  // namespace TAVIX

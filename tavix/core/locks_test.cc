@@ -121,22 +121,5 @@ TEST(RWRecLockTest, WaitingWriterBlocksNewReadersAndWakesReadersTogether) {
   lock.unlock();
 }
 
-TEST(RWRecLockTest, TryLocksNeverTake) {
-  RWRecLock lock;
-  EXPECT_FALSE(lock.tryReadLock());
-  EXPECT_FALSE(lock.tryWriteLock());
-  lock.writeLock();  // nothing was taken by the tries
-  lock.unlock();
-}
-
-TEST(SingleThreadLockTest, DoesNothingAndAlwaysSucceeds) {
-  SingleThreadLock lock;
-  lock.lock();
-  lock.lock();
-  EXPECT_TRUE(lock.tryLock());
-  EXPECT_TRUE(lock.willUnlock());
-  lock.unlock();
-}
-
 }  // namespace
 }  // namespace TAVIX

@@ -98,21 +98,5 @@ TEST(SmartPtrTest, SetsOrderByAddressAndHoldEachObjectOnce) {
   }
 }
 
-TEST(SharedTest, CopyStartsWithSourceCount) {
-  std::atomic<int> deletions{0};
-  SmartPtr<Counted> a(new Counted(&deletions));
-  SmartPtr<Counted> b = a;
-  Counted copy(*a);
-  EXPECT_EQ(2, copy.RefCount());
-}
-
-TEST(SmartPtrTest, ConvertsToBaseAndCastsBack) {
-  std::atomic<int> deletions{0};
-  SmartPtr<Counted> derived(new Counted(&deletions));
-  SmartPtr<Shared> base = derived;
-  EXPECT_EQ(2, base->RefCount());
-  EXPECT_EQ(derived.get(), SmartPtr<Counted>::DynamicCast(base).get());
-}
-
 }  // namespace
 }  // namespace TAVIX

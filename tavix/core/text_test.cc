@@ -6,7 +6,6 @@
 
 #include "tavix/core/errors.h"
 #include "tavix/core/format.h"
-#include "tavix/core/host_info.h"
 #include "tavix/core/inet_addr.h"
 
 namespace TAVIX {
@@ -93,15 +92,6 @@ TEST(InetAddrTest, LocalhostResolvesByName) {
   ASSERT_TRUE(a.Set("localhost", 1));
   char text[16];
   EXPECT_STREQ("127.0.0.1", a.ToString(text, sizeof text));
-}
-
-TEST(HostInfoTest, NameAndAddressesAreStable) {
-  const std::u16string& name = GetLocalHostName();
-  EXPECT_EQ(&name, &GetLocalHostName());
-  for (const auto& ip : GetLocalHostIP()) {
-    InetAddr a;
-    EXPECT_TRUE(a.Set(ip.c_str(), 0)) << NarrowString(ip);
-  }
 }
 
 TEST(FormatTest, FollowsPrintfFlagsWidthAndPrecision) {

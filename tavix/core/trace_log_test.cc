@@ -110,16 +110,6 @@ TEST_F(TraceLogTest, FileAtSizeLimitIsEmptiedBeforeNextLine) {
   ASSERT_EQ(1u, Lines().size());
 }
 
-TEST_F(TraceLogTest, FileJustBelowLimitKeepsGrowing) {
-  {
-    std::ofstream out(m_path, std::ios::binary);
-    out << std::string(0x200000 - 2, 'x');
-  }
-  TraceLog log(m_path);
-  const int written = log.Append(u"after");
-  EXPECT_EQ(0x200000 - 2 + 2 * static_cast<size_t>(written), Bytes().size());
-}
-
 TEST_F(TraceLogTest, FailuresDropTheLineAndKeepCallersLastError) {
   TraceLog unopenable((m_dir / "missing" / "x.log").string());
   TavixSetLastError(0x20000021);
