@@ -145,19 +145,25 @@ void BM_TavixPing(benchmark::State& state) {
 }
 BENCHMARK(BM_TavixPing)->UseRealTime();
 
-void BM_RawPingPong(benchmark::State& state) {
-  RawPeer peer(kPingRequest, kPingReply);
+// Round trips of the given sizes between two plain sockets; false when the
+// sockets could not be connected or a trip failed.
+bool RunRawRoundTrips(benchmark::State& state, int32_t request, int32_t reply) {
+  RawPeer peer(request, reply);
   if (!peer.ok()) {
     state.SkipWithError("cannot connect plain sockets");
-    return;
+    return false;
   }
   for (auto _ : state) {
     if (!peer.RoundTrip()) {
-      state.SkipWithError("ping-pong failed");
-      break;
+      state.SkipWithError("round trip failed");
+      return false;
     }
   }
-  state.SetItemsProcessed(state.iterations());
+  return true;
+}
+
+void BM_RawPingPong(benchmark::State& state) {
+  if (RunRawRoundTrips(state, kPingRequest, kPingReply)) state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_RawPingPong)->UseRealTime();
 
@@ -196,18 +202,9 @@ BENCHMARK(BM_TavixEchoBlob8MiB)->UseRealTime()->Unit(benchmark::kMillisecond);
 void BM_RawTransfer8MiB(benchmark::State& state) {
   // The blob's size prefix and the message heads add 60 bytes to TAVIX's
   // transfer; too few to matter here.
-  RawPeer peer(kBlobBytes, kBlobBytes);
-  if (!peer.ok()) {
-    state.SkipWithError("cannot connect plain sockets");
-    return;
+  if (RunRawRoundTrips(state, kBlobBytes, kBlobBytes)) {
+    state.SetBytesProcessed(state.iterations() * 2 * int64_t{kBlobBytes});
   }
-  for (auto _ : state) {
-    if (!peer.RoundTrip()) {
-      state.SkipWithError("transfer failed");
-      break;
-    }
-  }
-  state.SetBytesProcessed(state.iterations() * 2 * int64_t{kBlobBytes});
 }
 BENCHMARK(BM_RawTransfer8MiB)->UseRealTime()->Unit(benchmark::kMillisecond);
 

@@ -16,24 +16,18 @@ namespace {
 
 // The sending end: copies into a preallocated area, as a socket send copies
 // into the kernel.
-class CopySink : public ITavixStreamBuf {
+class CopySink : public EndStreamBuf {
  public:
   explicit CopySink(size_t bytes) : m_area(bytes) {}
   void Rewind() { m_at = 0; }
   const std::vector<uint8_t>& Area() const { return m_area; }
 
-  int32_t reserve(int32_t) override { return 0; }
   int32_t sputn(const void* data, int32_t count) override {
     std::memcpy(m_area.data() + m_at, data, static_cast<size_t>(count));
     m_at += static_cast<size_t>(count);
     return count;
   }
   int32_t sgetn(void*, int32_t) override { return 0; }
-  int32_t size() override { return 0; }
-  void setLimit(int32_t) override {}
-  int32_t flush() override { return 0; }
-  void clear() override {}
-  bool setNext(const SmartPtr<ITavixStreamBuf>&) override { return false; }
 
  private:
   std::vector<uint8_t> m_area;
@@ -41,12 +35,11 @@ class CopySink : public ITavixStreamBuf {
 };
 
 // The receiving end: serves a message that has already arrived.
-class CopySource : public ITavixStreamBuf {
+class CopySource : public EndStreamBuf {
  public:
   explicit CopySource(const std::vector<uint8_t>& bytes) : m_bytes(bytes) {}
   void Rewind() { m_at = 0; }
 
-  int32_t reserve(int32_t) override { return 0; }
   int32_t sputn(const void*, int32_t) override { return 0; }
   int32_t sgetn(void* data, int32_t count) override {
     const size_t n = std::min(static_cast<size_t>(count), m_bytes.size() - m_at);
@@ -54,11 +47,6 @@ class CopySource : public ITavixStreamBuf {
     m_at += n;
     return static_cast<int32_t>(n);
   }
-  int32_t size() override { return 0; }
-  void setLimit(int32_t) override {}
-  int32_t flush() override { return 0; }
-  void clear() override {}
-  bool setNext(const SmartPtr<ITavixStreamBuf>&) override { return false; }
 
  private:
   const std::vector<uint8_t>& m_bytes;
