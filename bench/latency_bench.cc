@@ -19,8 +19,8 @@
 #include <vector>
 
 #include "tavix/adapter/object_adapter.h"
-#include "tavix/core/communicator.h"
 #include "tavix/platform/socket.h"
+#include "tavix/runtime/communicator.h"
 #include "tavix/transport/tcp_acceptor.h"
 #include "tools/echo_proxy.h"
 #include "tools/echo_servant.h"

@@ -6,9 +6,9 @@
 #include <string>
 
 #include "examples/echo_interface.h"
-#include "tavix/core/communicator.h"
 #include "tavix/core/errors.h"
 #include "tavix/core/text.h"
+#include "tavix/runtime/communicator.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include <cstdint>
 #include <string>
 
-#include "tavix/invoke/proxy_object.h"
-#include "tavix/invoke/typed_call.h"
+#include "tavix/client/proxy_object.h"
+#include "tavix/client/typed_call.h"
 
 namespace example {
 

@@ -10,10 +10,10 @@
 
 #include "examples/echo_interface.h"
 #include "tavix/adapter/object_adapter.h"
-#include "tavix/core/communicator.h"
 #include "tavix/core/errors.h"
 #include "tavix/core/text.h"
 #include "tavix/platform/signals.h"
+#include "tavix/runtime/communicator.h"
 
 namespace {
 

@@ -7,9 +7,9 @@
 #include <string_view>
 #include <vector>
 
-#include "tavix/core/communicator.h"
 #include "tavix/core/errors.h"
 #include "tavix/core/text.h"
+#include "tavix/runtime/communicator.h"
 #include "tools/echo_proxy.h"
 
 namespace TAVIX::tools {

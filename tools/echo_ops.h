@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include "tavix/client/typed_call.h"
 #include "tavix/core/shared.h"
-#include "tavix/invoke/typed_call.h"
 #include "tavix/marshal/blob.h"
 
 namespace TAVIX::echo_ops {

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "tavix/client/proxy_object.h"
+#include "tavix/client/typed_call.h"
 #include "tavix/core/shared.h"
-#include "tavix/invoke/proxy_object.h"
-#include "tavix/invoke/typed_call.h"
 #include "tavix/marshal/blob.h"
 #include "tools/echo_ops.h"
 

@@ -1,7 +1,7 @@
 #include "tools/echo_servant.h"
 
+#include "tavix/client/typed_call.h"
 #include "tavix/invoke/messages.h"
-#include "tavix/invoke/typed_call.h"
 #include "tavix/platform/process.h"
 #include "tools/echo_ops.h"
 

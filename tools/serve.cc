@@ -5,10 +5,10 @@
 #include <string>
 
 #include "tavix/adapter/object_adapter.h"
-#include "tavix/core/communicator.h"
 #include "tavix/core/errors.h"
 #include "tavix/core/trace_log.h"
 #include "tavix/platform/signals.h"
+#include "tavix/runtime/communicator.h"
 #include "tavix/transport/passport.h"
 #include "tools/echo_servant.h"
 

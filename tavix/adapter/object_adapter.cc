@@ -2,13 +2,13 @@
 
 #include <utility>
 
+#include "tavix/adapter/tcp_connection_factory.h"
 #include "tavix/core/errors.h"
 #include "tavix/core/text.h"
 #include "tavix/core/trace_log.h"
+#include "tavix/invoke/connection_factory.h"
 #include "tavix/platform/process.h"
-#include "tavix/transport/connection_factory.h"
 #include "tavix/transport/passport.h"
-#include "tavix/transport/tcp_connection_factory.h"
 
 namespace TAVIX {
 namespace {

@@ -15,28 +15,12 @@
 #include "tavix/core/locks.h"
 #include "tavix/core/shared.h"
 #include "tavix/invoke/object.h"
+#include "tavix/invoke/object_host.h"
 #include "tavix/transport/passport.h"
 
 namespace TAVIX {
 
 class IConnectionFactory;
-
-enum ObjectAdapterStatus : int32_t {
-  ADAPTER_ACTIVE = 0,
-  ADAPTER_INACTIVE = 1,
-  ADAPTER_DESTROYING = 2,
-};
-
-// Why a server connection ended.
-enum TavixDisconnectReason : int32_t {
-  DISCONNECT_NORMAL = 0,             // close message, or the connection was asked to stop
-  DISCONNECT_RECV_ERROR = 1,         // validation send or header receive failed
-  DISCONNECT_NETWORK_CLOSED = 2,     // the peer closed, or the transceiver was closed
-  DISCONNECT_PROTOCOL_ERROR = 3,     // a message type the server does not take
-  DISCONNECT_LIBRARY_EXCEPTION = 4,  // a TavixException
-  DISCONNECT_SYSTEM_EXCEPTION = 5,   // a Win32SE
-  DISCONNECT_OTHER_ERROR = 6,        // anything else
-};
 
 using DisconnectCallback = void (*)(void* context, TavixDisconnectReason reason);
 
@@ -59,7 +43,7 @@ class ServantManager : public virtual Shared {
   RWRecLock m_lock;
 };
 
-class ObjectAdapter : public virtual Shared {
+class ObjectAdapter : public IObjectHost {
  public:
   ObjectAdapter();
   ~ObjectAdapter() override;
@@ -71,7 +55,7 @@ class ObjectAdapter : public virtual Shared {
   bool AddServant(const SmartPtr<Object>& servant, const std::string& id);
   bool RemoveServant(const std::u16string& id);
   bool RemoveServant(const std::string& id);
-  SmartPtr<Object> FindServant(const std::u16string& id);
+  SmartPtr<Object> FindServant(const std::u16string& id) override;
 
   // Parses the endpoint string, refuses one that claims a resource of a
   // registered passport, makes its factory and starts it at once unless the
@@ -95,7 +79,7 @@ class ObjectAdapter : public virtual Shared {
   // passport table, which breaks the factories' hold on the adapter.
   void WaitUntilDestroy();
 
-  ObjectAdapterStatus GetStatus();
+  ObjectAdapterStatus GetStatus() override;
 
   // Called on the serving thread of every TCP connection that ends. It
   // must not call AddPassport, RemovePassport, Activate, Destroy,
@@ -113,19 +97,17 @@ class ObjectAdapter : public virtual Shared {
   // Requests being dispatched right now.
   int32_t GetInvocationCount() const { return m_invocations.load(); }
 
+  // Called by the request handling and the connection factories; the count
+  // never goes below 0.
+  void IncrementInvocations() override { m_invocations.fetch_add(1); }
+  void DecrementInvocations() override;
+  // Passes an ended connection's reason to the registered callback.
+  void DisconnectNotify(TavixDisconnectReason reason) override;
+
  protected:
   void SetStatus(ObjectAdapterStatus status);
-  void DisconnectNotify(TavixDisconnectReason reason);
 
  private:
-  friend class ObjectHelper;
-  friend class TcpConnectionFactory;
-  friend class UdpConnectionFactory;
-
-  // Raised before a dispatched request's servant is looked up, lowered
-  // after its dispatch; never below 0.
-  void IncrementInvocations() { m_invocations.fetch_add(1); }
-  void DecrementInvocations();
 
   ObjectAdapterStatus m_status = ADAPTER_INACTIVE;
   SpinLock m_statusLock;

@@ -5,17 +5,16 @@
 #include <exception>
 #include <string>
 
-#include "tavix/adapter/object_adapter.h"
 #include "tavix/core/errors.h"
 #include "tavix/core/format.h"
 #include "tavix/core/inet_addr.h"
 #include "tavix/core/text.h"
 #include "tavix/core/trace_log.h"
+#include "tavix/invoke/connection_factory.h"
 #include "tavix/invoke/object_helper.h"
 #include "tavix/marshal/message_header.h"
 #include "tavix/platform/process.h"
 #include "tavix/platform/socket.h"
-#include "tavix/transport/connection_factory.h"
 #include "tavix/transport/transceiver.h"
 
 namespace TAVIX {
@@ -241,7 +240,7 @@ int32_t Connection::Serve() {
     }
     switch (header.type) {
       case MSG_REQUEST: {
-        ObjectHelper request(SmartPtr<Connection>(this), m_factory->GetAdapter(), header.size);
+        ObjectHelper request(SmartPtr<Connection>(this), m_factory->GetHost(), header.size);
         request.Invoke();
         break;
       }

@@ -7,8 +7,8 @@
 #include <atomic>
 #include <string>
 
+#include "tavix/adapter/tcp_connection_factory.h"
 #include "tavix/invoke/wire_test_util.h"
-#include "tavix/transport/tcp_connection_factory.h"
 #include "tavix/transport/transceiver.h"
 
 namespace TAVIX {

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <array>
 
+#include "tavix/core/errors.h"
 #include "tavix/invoke/messages.h"
 #include "tavix/invoke/object_helper.h"
-#include "tavix/core/errors.h"
 #include "tavix/platform/clock.h"
 
 namespace TAVIX {

@@ -3,20 +3,20 @@
 #include <algorithm>
 #include <array>
 
-#include "tavix/adapter/object_adapter.h"
 #include "tavix/core/errors.h"
 #include "tavix/core/text.h"
 #include "tavix/invoke/connection.h"
 #include "tavix/invoke/object.h"
+#include "tavix/invoke/object_host.h"
 #include "tavix/marshal/message_header.h"
-#include "tavix/marshal/stream_buffers.h"
+#include "tavix/transport/stream_transceiver_buf.h"
 #include "tavix/transport/transceiver.h"
 
 namespace TAVIX {
 
-ObjectHelper::ObjectHelper(const SmartPtr<Connection>& connection, const SmartPtr<ObjectAdapter>& adapter,
+ObjectHelper::ObjectHelper(const SmartPtr<Connection>& connection, const SmartPtr<IObjectHost>& host,
                            int32_t messageSize)
-    : m_bodySize(messageSize - HEADER_SIZE), m_connection(connection), m_adapter(adapter) {
+    : m_bodySize(messageSize - HEADER_SIZE), m_connection(connection), m_host(host) {
   m_reply.requestId = -1;
   m_connection->SetInServant(true);
   const SmartPtr<ITransceiver>& transceiver = m_connection->GetTransceiver();
@@ -37,7 +37,7 @@ void ObjectHelper::Invoke() {
   m_connection->GetTransceiver()->GetPeer(m_context.peerAddress, m_context.peerPort);
   m_reply.requestId = head.requestId;
 
-  if (m_adapter->GetStatus() != ADAPTER_ACTIVE) {
+  if (m_host->GetStatus() != ADAPTER_ACTIVE) {
     FinishServant(Err::AdapterInactive, 0);
   } else {
     Dispatch();
@@ -57,14 +57,14 @@ void ObjectHelper::Dispatch() {
   // Lowers the count on every way out, a servant's exception included, so
   // that a deactivating adapter never waits for a request that has gone.
   struct InvocationGuard {
-    explicit InvocationGuard(ObjectAdapter& a) : adapter(a) { adapter.IncrementInvocations(); }
-    ~InvocationGuard() { adapter.DecrementInvocations(); }
+    explicit InvocationGuard(IObjectHost& h) : host(h) { host.IncrementInvocations(); }
+    ~InvocationGuard() { host.DecrementInvocations(); }
     InvocationGuard(const InvocationGuard&) = delete;
     InvocationGuard& operator=(const InvocationGuard&) = delete;
-    ObjectAdapter& adapter;
-  } counted(*m_adapter);
+    IObjectHost& host;
+  } counted(*m_host);
 
-  SmartPtr<Object> servant = m_adapter->FindServant(m_context.objectName);
+  SmartPtr<Object> servant = m_host->FindServant(m_context.objectName);
   if (!servant) {
     FinishServant(TavixGetLastError(), 0);
     return;

@@ -16,12 +16,12 @@
 namespace TAVIX {
 
 class Connection;
-class ObjectAdapter;
+class IObjectHost;
 
 class ObjectHelper {
  public:
   // `messageSize` is the request header's size, header included.
-  ObjectHelper(const SmartPtr<Connection>& connection, const SmartPtr<ObjectAdapter>& adapter,
+  ObjectHelper(const SmartPtr<Connection>& connection, const SmartPtr<IObjectHost>& host,
                int32_t messageSize);
   virtual ~ObjectHelper();
   ObjectHelper(const ObjectHelper&) = delete;
@@ -56,7 +56,7 @@ class ObjectHelper {
   int32_t m_bodySize;
   ReplyHead m_reply;
   SmartPtr<Connection> m_connection;
-  SmartPtr<ObjectAdapter> m_adapter;
+  SmartPtr<IObjectHost> m_host;
   uint32_t m_socket = 0;
   FILETIME m_startTime = 0;
   BasicStream m_input;

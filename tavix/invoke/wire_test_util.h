@@ -14,7 +14,6 @@
 #include <vector>
 
 #include "tavix/adapter/object_adapter.h"
-#include "tavix/core/communicator.h"
 #include "tavix/core/errors.h"
 #include "tavix/core/format.h"
 #include "tavix/core/inet_addr.h"
@@ -25,6 +24,7 @@
 #include "tavix/platform/clock.h"
 #include "tavix/platform/process.h"
 #include "tavix/platform/socket.h"
+#include "tavix/runtime/communicator.h"
 #include "tavix/transport/tcp_acceptor.h"
 
 namespace TAVIX::test_wire {

@@ -1,7 +1,7 @@
 // The links of a message's stream-buffer chain: a memory buffer that
 // gathers small writes into large sends, serves small reads from large
-// receives and enforces the message's size, and the two ends that pass
-// bytes to a transceiver or into a blob.
+// receives and enforces the message's size, and the end that collects bytes
+// into a blob. The end that talks to a transceiver belongs to the transport.
 #ifndef TAVIX_MARSHAL_STREAM_BUFFERS_H_
 #define TAVIX_MARSHAL_STREAM_BUFFERS_H_
 
@@ -12,7 +12,6 @@
 #include "tavix/core/shared.h"
 #include "tavix/marshal/basic_stream.h"
 #include "tavix/marshal/blob.h"
-#include "tavix/transport/transceiver.h"
 
 namespace TAVIX {
 
@@ -76,23 +75,6 @@ class EndStreamBuf : public ITavixStreamBuf {
   int32_t flush() override { return 0; }
   void clear() override {}
   bool setNext(const SmartPtr<ITavixStreamBuf>&) override { return false; }
-};
-
-// The end of a chain that talks to a connection: writes are the
-// transceiver's Send, reads its Recvn. A closed peer raises
-// Err::ConnectionClosed; a failure raises the thread's last error.
-class StreamTransceiverBuf : public EndStreamBuf {
- public:
-  explicit StreamTransceiverBuf(const SmartPtr<ITransceiver>& transceiver);
-  ~StreamTransceiverBuf() override;
-  StreamTransceiverBuf(const StreamTransceiverBuf&) = delete;
-  StreamTransceiverBuf& operator=(const StreamTransceiverBuf&) = delete;
-
-  int32_t sputn(const void* data, int32_t count) override;
-  int32_t sgetn(void* data, int32_t count) override;
-
- private:
-  SmartPtr<ITransceiver> m_transceiver;
 };
 
 // The end of a chain that collects a message into a blob; it cannot be

@@ -1,4 +1,4 @@
-#include "tavix/marshal/stream_buffers.h"
+#include "tavix/transport/stream_transceiver_buf.h"
 
 #include <gtest/gtest.h>
 

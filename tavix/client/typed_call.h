@@ -35,8 +35,8 @@
 // Parameter types are those BasicStream carries: bool, unsigned char,
 // int16_t, int32_t, int64_t, float, double, std::string, std::u16string,
 // SmartPtr<ITavixBlob> and vectors of them.
-#ifndef TAVIX_INVOKE_TYPED_CALL_H_
-#define TAVIX_INVOKE_TYPED_CALL_H_
+#ifndef TAVIX_CLIENT_TYPED_CALL_H_
+#define TAVIX_CLIENT_TYPED_CALL_H_
 
 #include <algorithm>
 #include <array>
@@ -48,13 +48,13 @@
 #include <type_traits>
 #include <utility>
 
+#include "tavix/client/proxy_helper.h"
+#include "tavix/client/proxy_object.h"
 #include "tavix/core/errors.h"
 #include "tavix/core/shared.h"
 #include "tavix/invoke/messages.h"
 #include "tavix/invoke/object.h"
 #include "tavix/invoke/object_helper.h"
-#include "tavix/invoke/proxy_helper.h"
-#include "tavix/invoke/proxy_object.h"
 #include "tavix/marshal/basic_stream.h"
 #include "tavix/platform/clock.h"
 
@@ -242,4 +242,4 @@ class ServantTable {
 
 }  // namespace TAVIX
 
-#endif  // TAVIX_INVOKE_TYPED_CALL_H_
+#endif  // TAVIX_CLIENT_TYPED_CALL_H_

@@ -3,8 +3,8 @@
 // proxy's own connection, opened and validated at the first call. Every
 // application proxy derives from ProxyObject and adds one method per remote
 // operation (see typed_call.h for the short way to write them).
-#ifndef TAVIX_INVOKE_PROXY_OBJECT_H_
-#define TAVIX_INVOKE_PROXY_OBJECT_H_
+#ifndef TAVIX_CLIENT_PROXY_OBJECT_H_
+#define TAVIX_CLIENT_PROXY_OBJECT_H_
 
 #include <atomic>
 #include <cstdint>
@@ -122,4 +122,4 @@ SmartPtr<T> CreateProxy(const SmartPtr<Communicator>& communicator, const char* 
 
 }  // namespace TAVIX
 
-#endif  // TAVIX_INVOKE_PROXY_OBJECT_H_
+#endif  // TAVIX_CLIENT_PROXY_OBJECT_H_

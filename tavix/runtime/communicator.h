@@ -2,8 +2,8 @@
 // creates its object adapters and shuts the runtime down. It owns the
 // adapters it made, counts the client calls in progress and closes the
 // client connections registered with it when it shuts down.
-#ifndef TAVIX_CORE_COMMUNICATOR_H_
-#define TAVIX_CORE_COMMUNICATOR_H_
+#ifndef TAVIX_RUNTIME_COMMUNICATOR_H_
+#define TAVIX_RUNTIME_COMMUNICATOR_H_
 
 #include <atomic>
 #include <cstdint>
@@ -75,4 +75,4 @@ SmartPtr<Communicator> Initialize(std::u16string name = {});
 
 }  // namespace TAVIX
 
-#endif  // TAVIX_CORE_COMMUNICATOR_H_
+#endif  // TAVIX_RUNTIME_COMMUNICATOR_H_

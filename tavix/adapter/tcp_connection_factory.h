@@ -1,8 +1,8 @@
 // The connection factory of a TCP passport: one listening acceptor, one
 // accept thread that gives every client a Connection with its own serving
 // thread, the set of live connections, and the reaping of ended ones.
-#ifndef TAVIX_TRANSPORT_TCP_CONNECTION_FACTORY_H_
-#define TAVIX_TRANSPORT_TCP_CONNECTION_FACTORY_H_
+#ifndef TAVIX_ADAPTER_TCP_CONNECTION_FACTORY_H_
+#define TAVIX_ADAPTER_TCP_CONNECTION_FACTORY_H_
 
 #include <atomic>
 #include <cstdint>
@@ -11,7 +11,7 @@
 
 #include "tavix/core/locks.h"
 #include "tavix/core/thread.h"
-#include "tavix/transport/connection_factory.h"
+#include "tavix/invoke/connection_factory.h"
 
 namespace TAVIX {
 
@@ -25,7 +25,7 @@ class TcpConnectionFactory : public IConnectionFactory {
   // notice it, and the longest an ended connection waits to be reaped.
   static constexpr uint32_t kAcceptTickMs = 5000;
 
-  TcpConnectionFactory(const SmartPtr<IPassport>& passport, const SmartPtr<ObjectAdapter>& adapter);
+  TcpConnectionFactory(const SmartPtr<IPassport>& passport, const SmartPtr<IObjectHost>& adapter);
   // Stops an accept thread that is still running.
   ~TcpConnectionFactory() override;
   TcpConnectionFactory(const TcpConnectionFactory&) = delete;
@@ -44,7 +44,7 @@ class TcpConnectionFactory : public IConnectionFactory {
   // call Destroy first. Activate may follow.
   void WaitUntilDestroy() override;
   const SmartPtr<IPassport>& GetPassport() const override { return m_passport; }
-  const SmartPtr<ObjectAdapter>& GetAdapter() const override { return m_adapter; }
+  SmartPtr<IObjectHost> GetHost() const override { return m_adapter; }
 
  private:
   friend class ThreadPerTcpConnectionFactory;
@@ -64,7 +64,7 @@ class TcpConnectionFactory : public IConnectionFactory {
   RecLock m_closedLock;
   SmartPtr<ThreadPerTcpConnectionFactory> m_acceptThread;
   std::atomic<int32_t> m_active{0};
-  SmartPtr<ObjectAdapter> m_adapter;
+  SmartPtr<IObjectHost> m_adapter;
 };
 
 // The accept thread. It points at its factory without holding it: the
@@ -82,4 +82,4 @@ class ThreadPerTcpConnectionFactory : public Thread {
 
 }  // namespace TAVIX
 
-#endif  // TAVIX_TRANSPORT_TCP_CONNECTION_FACTORY_H_
+#endif  // TAVIX_ADAPTER_TCP_CONNECTION_FACTORY_H_

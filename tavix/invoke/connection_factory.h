@@ -1,20 +1,19 @@
 // A server-side connection factory: one per passport of an object adapter.
 // It listens (or binds) through its passport, turns what arrives into
 // connections with their own serving threads, and ends them on shutdown.
-#ifndef TAVIX_TRANSPORT_CONNECTION_FACTORY_H_
-#define TAVIX_TRANSPORT_CONNECTION_FACTORY_H_
+// Connections see their factory only through this interface.
+#ifndef TAVIX_INVOKE_CONNECTION_FACTORY_H_
+#define TAVIX_INVOKE_CONNECTION_FACTORY_H_
 
 #include <cstdint>
 
 #include "tavix/core/shared.h"
+#include "tavix/invoke/object_host.h"
 
 namespace TAVIX {
 
 class Connection;
 class IPassport;
-class ObjectAdapter;
-// Why a server connection ended; defined with the object adapter.
-enum TavixDisconnectReason : int32_t;
 
 class IConnectionFactory : public virtual Shared {
  public:
@@ -30,9 +29,10 @@ class IConnectionFactory : public virtual Shared {
   // Waits for the connections and stops listening; Activate may follow.
   virtual void WaitUntilDestroy() = 0;
   virtual const SmartPtr<IPassport>& GetPassport() const = 0;
-  virtual const SmartPtr<ObjectAdapter>& GetAdapter() const = 0;
+  // The adapter whose servants the factory's connections serve.
+  virtual SmartPtr<IObjectHost> GetHost() const = 0;
 };
 
 }  // namespace TAVIX
 
-#endif  // TAVIX_TRANSPORT_CONNECTION_FACTORY_H_
+#endif  // TAVIX_INVOKE_CONNECTION_FACTORY_H_

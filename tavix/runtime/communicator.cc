@@ -1,4 +1,4 @@
-#include "tavix/core/communicator.h"
+#include "tavix/runtime/communicator.h"
 
 #include <utility>
 

@@ -2,7 +2,7 @@
 // flag, and the wait for client calls in progress. Closing client
 // connections and listeners at shutdown is covered end to end by the proxy
 // and server tests.
-#include "tavix/core/communicator.h"
+#include "tavix/runtime/communicator.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "tavix/transport/tcp_connection_factory.h"
+#include "tavix/adapter/tcp_connection_factory.h"
 
 #include <gtest/gtest.h>
 

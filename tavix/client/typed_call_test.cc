@@ -1,6 +1,6 @@
 // Typed operations: the bytes a typed skeleton answers and a typed proxy
 // method sends, checked against the body encoding written out by hand.
-#include "tavix/invoke/typed_call.h"
+#include "tavix/client/typed_call.h"
 
 #include <gtest/gtest.h>
 

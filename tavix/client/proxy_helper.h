@@ -27,8 +27,8 @@
 // message is sent later with ProxyObject::SendBlobWithoutOutParam
 // (BlobAsRequest); a two-way recording carries the request id it was given
 // when it was recorded.
-#ifndef TAVIX_INVOKE_PROXY_HELPER_H_
-#define TAVIX_INVOKE_PROXY_HELPER_H_
+#ifndef TAVIX_CLIENT_PROXY_HELPER_H_
+#define TAVIX_CLIENT_PROXY_HELPER_H_
 
 #include <cstdint>
 #include <string>
@@ -106,4 +106,4 @@ class ProxyHelper {
 
 }  // namespace TAVIX
 
-#endif  // TAVIX_INVOKE_PROXY_HELPER_H_
+#endif  // TAVIX_CLIENT_PROXY_HELPER_H_

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "tavix/invoke/typed_call.h"
+#include "tavix/client/typed_call.h"
 #include "tavix/invoke/wire_test_util.h"
 
 namespace TAVIX {

@@ -1,10 +1,10 @@
-#include "tavix/invoke/proxy_object.h"
+#include "tavix/client/proxy_object.h"
 
-#include "tavix/core/communicator.h"
+#include "tavix/client/proxy_helper.h"
 #include "tavix/core/errors.h"
 #include "tavix/core/trace_log.h"
 #include "tavix/invoke/connection.h"
-#include "tavix/invoke/proxy_helper.h"
+#include "tavix/runtime/communicator.h"
 #include "tavix/transport/transceiver.h"
 
 namespace TAVIX {

@@ -1,8 +1,7 @@
-#include "tavix/transport/tcp_connection_factory.h"
+#include "tavix/adapter/tcp_connection_factory.h"
 
 #include <utility>
 
-#include "tavix/adapter/object_adapter.h"
 #include "tavix/core/trace_log.h"
 #include "tavix/invoke/connection.h"
 #include "tavix/platform/process.h"
@@ -13,7 +12,7 @@
 namespace TAVIX {
 
 TcpConnectionFactory::TcpConnectionFactory(const SmartPtr<IPassport>& passport,
-                                           const SmartPtr<ObjectAdapter>& adapter)
+                                           const SmartPtr<IObjectHost>& adapter)
     : m_passport(passport), m_adapter(adapter) {}
 
 TcpConnectionFactory::~TcpConnectionFactory() {

@@ -1,15 +1,15 @@
-#include "tavix/invoke/proxy_helper.h"
+#include "tavix/client/proxy_helper.h"
 
 #include <algorithm>
 #include <array>
 
-#include "tavix/core/communicator.h"
+#include "tavix/client/proxy_object.h"
 #include "tavix/core/text.h"
 #include "tavix/core/trace_log.h"
 #include "tavix/invoke/connection.h"
-#include "tavix/invoke/proxy_object.h"
 #include "tavix/marshal/message_header.h"
-#include "tavix/marshal/stream_buffers.h"
+#include "tavix/runtime/communicator.h"
+#include "tavix/transport/stream_transceiver_buf.h"
 #include "tavix/transport/transceiver.h"
 
 namespace TAVIX {
