@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "tavix/adapter/tcp_connection_factory.h"
+#include "tavix/adapter/udp_connection_factory.h"
 #include "tavix/core/errors.h"
 #include "tavix/core/text.h"
 #include "tavix/core/trace_log.h"
@@ -91,9 +92,7 @@ SmartPtr<IPassport> ObjectAdapter::AddPassport(const std::u16string& endpoint) {
   if (passport->Type() == PASSPORT_TCP) {
     factory = MakeShared<TcpConnectionFactory>(passport, SmartPtr<ObjectAdapter>(this));
   } else {
-    // Datagram endpoints are not served yet.
-    TavixSetLastError(Err::UnsupportedFunction);
-    return nullptr;
+    factory = MakeShared<UdpConnectionFactory>(passport, SmartPtr<ObjectAdapter>(this));
   }
 
   if (GetStatus() != ADAPTER_INACTIVE && !factory->Activate()) {

@@ -8,7 +8,9 @@
 #include "tavix/core/trace_log.h"
 #include "tavix/invoke/connection.h"
 #include "tavix/marshal/message_header.h"
+#include "tavix/platform/clock.h"
 #include "tavix/runtime/communicator.h"
+#include "tavix/transport/datagram_stream_buf.h"
 #include "tavix/transport/stream_transceiver_buf.h"
 #include "tavix/transport/transceiver.h"
 
@@ -58,7 +60,8 @@ uint32_t ProxyHelper::PrepareIPC() {
   if (m_blobType == BlobAsRequest) {
     // The caller writes the complete message, header included.
     m_proxy->m_perfmon.requestSize = m_length;
-    m_downstream = SmartPtr<ITavixStreamBuf>(new StreamTransceiverBuf(m_connection->GetTransceiver()));
+    m_downstream = ConnectionLink();
+    if (m_datagram && m_length > m_connection->GetTransceiver()->MaxMessageSize()) return Err::IllegalBufferSize;
     AttachMessageBuffer(m_output, m_length, m_downstream);
     return 0;
   }
@@ -73,7 +76,9 @@ uint32_t ProxyHelper::PrepareIPC() {
   if (m_blobType == RequestToBlob) {
     m_downstream = SmartPtr<ITavixStreamBuf>(new StreamBlobBuf(m_blob));
   } else {
-    m_downstream = SmartPtr<ITavixStreamBuf>(new StreamTransceiverBuf(m_connection->GetTransceiver()));
+    m_downstream = ConnectionLink();
+    // A datagram carries a whole message or nothing.
+    if (m_datagram && m_length > m_connection->GetTransceiver()->MaxMessageSize()) return Err::IllegalBufferSize;
   }
   AttachMessageBuffer(m_output, m_length, m_downstream);
   WriteMessageHeader(m_output, MSG_REQUEST, m_length);
@@ -81,9 +86,18 @@ uint32_t ProxyHelper::PrepareIPC() {
   return 0;
 }
 
+SmartPtr<ITavixStreamBuf> ProxyHelper::ConnectionLink() {
+  const SmartPtr<ITransceiver>& transceiver = m_connection->GetTransceiver();
+  if (transceiver->MaxMessageSize() == 0) return SmartPtr<ITavixStreamBuf>(new StreamTransceiverBuf(transceiver));
+  m_datagram = MakeShared<DatagramStreamBuf>(transceiver);
+  return m_datagram;
+}
+
 uint32_t ProxyHelper::InvokeIPC() {
   m_output.Flush();
+  if (m_datagram && m_datagram->SendGathered() < 0) return FailureCode(Err::ConnectionClosed);
   if (m_mode == OneWay || m_blobType == RequestToBlob) return 0;
+  if (m_datagram) return ReceiveDatagramReply();
 
   m_input.Clear();
   MsgHeaderData header;
@@ -99,9 +113,6 @@ uint32_t ProxyHelper::InvokeIPC() {
     return e;
   }
 
-  m_proxy->m_perfmon.replySize = header.size;
-  m_replyBodySize = header.size - HEADER_SIZE;
-  AttachMessageBuffer(m_input, m_replyBodySize, m_downstream);
   // A rejected reply leaves its body unread, which would break the next
   // call on this connection: close it.
   if (header.type != MSG_REPLY) {
@@ -109,14 +120,47 @@ uint32_t ProxyHelper::InvokeIPC() {
     return Err::ReplyTypeError;
   }
   ReplyHead reply;
-  reply.read(m_input);
-  m_proxy->m_perfmon.serverTime = reply.serverTime;
-  if (m_blobType == BlobAsRequest) return reply.status;
-  if (reply.requestId != m_requestId) {
+  const uint32_t status = ReadReplyHead(header.size, reply);
+  if (m_blobType != BlobAsRequest && reply.requestId != m_requestId) {
     m_connection->SetState(Connection::StateClosed);
     return Err::ReplyIdError;
   }
+  return status;
+}
+
+uint32_t ProxyHelper::ReadReplyHead(int32_t size, ReplyHead& reply) {
+  m_proxy->m_perfmon.replySize = size;
+  m_replyBodySize = size - HEADER_SIZE;
+  AttachMessageBuffer(m_input, m_replyBodySize, m_downstream);
+  reply.read(m_input);
+  m_proxy->m_perfmon.serverTime = reply.serverTime;
   return reply.status;
+}
+
+uint32_t ProxyHelper::ReceiveDatagramReply() {
+  const SmartPtr<ITransceiver>& transceiver = m_connection->GetTransceiver();
+  const uint32_t timeout = m_proxy->Timeout();
+  const uint64_t start = platform::TickCountMs();
+  for (;;) {
+    uint32_t left = 0;  // no limit
+    if (timeout != 0) {
+      const uint64_t spent = platform::TickCountMs() - start;
+      if (spent >= timeout) return Err::ReceiveTimeout;
+      left = timeout - static_cast<uint32_t>(spent);
+    }
+    if (transceiver->WaitForRecv(left) < 0 || m_datagram->Receive() < 0) return FailureCode(Err::ConnectionClosed);
+    const int32_t size = m_datagram->ReceivedSize();
+    if (size < HEADER_SIZE + ReplyHead::lengthOf()) continue;
+    MsgHeaderData header;
+    header.Decode(m_datagram->Received());
+    if (header.Check() != 0 || header.size != size || header.type != MSG_REPLY) continue;
+    m_datagram->StartReading(HEADER_SIZE);
+    m_input.Clear();
+    ReplyHead reply;
+    const uint32_t status = ReadReplyHead(size, reply);
+    if (m_blobType == BlobAsRequest || reply.requestId == m_requestId) return status;
+    tavixTrace(u"ProxyHelper::InvokeIPC, late reply %d dropped\n", reply.requestId);
+  }
 }
 
 void ProxyHelper::DrainReply() {

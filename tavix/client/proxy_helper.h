@@ -43,6 +43,7 @@
 namespace TAVIX {
 
 class Connection;
+class DatagramStreamBuf;
 class ProxyObject;
 
 class ProxyHelper {
@@ -88,6 +89,16 @@ class ProxyHelper {
   // Reads what the caller left of the reply body, so that the next reply
   // header starts at a message boundary.
   void DrainReply();
+  // The end of the request's chain on the connection: the transceiver
+  // itself, or for datagrams a buffer that sends the message whole.
+  SmartPtr<ITavixStreamBuf> ConnectionLink();
+  // Waits with the proxy's time-out for the reply datagram of this call,
+  // dropping datagrams that are not it (late replies of earlier calls), and
+  // reads its ReplyHead.
+  uint32_t ReceiveDatagramReply();
+  // Reads the ReplyHead of a reply of `size` bytes whose body the input
+  // stream reads next; returns its status.
+  uint32_t ReadReplyHead(int32_t size, ReplyHead& reply);
 
   ProxyObject* m_proxy;
   const std::u16string* m_operation;
@@ -100,6 +111,7 @@ class ProxyHelper {
   BasicStream m_input;
   BasicStream m_output;
   SmartPtr<ITavixStreamBuf> m_downstream;
+  SmartPtr<DatagramStreamBuf> m_datagram;  // set on datagram connections
   FILETIME m_startTime = 0;
   SmartPtr<ITavixBlob> m_blob;
 };

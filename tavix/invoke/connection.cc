@@ -15,6 +15,7 @@
 #include "tavix/marshal/message_header.h"
 #include "tavix/platform/process.h"
 #include "tavix/platform/socket.h"
+#include "tavix/transport/datagram_stream_buf.h"
 #include "tavix/transport/transceiver.h"
 
 namespace TAVIX {
@@ -49,6 +50,51 @@ std::u16string ClientLabel(int32_t handle) {
 std::u16string ErrorText(uint32_t code) {
   std::u16string text;
   return GetErrMsg(code, text);
+}
+
+// Logs the exception being handled and gives the disconnect reason it
+// stands for. Thread cancellation is not handled here: callers let it
+// unwind on.
+int32_t LogCaughtException() {
+  try {
+    throw;
+  } catch (const TavixException& e) {
+    TraceLog::Write(u"ERROR: Tavix Exception catched: %d,%s\n", e.Code(), ErrorText(e.Code()));
+    return DISCONNECT_LIBRARY_EXCEPTION;
+  } catch (const Win32SE&) {
+    TraceLog::Write(u"ERROR: Win32 SE catched.\n");
+    return DISCONNECT_SYSTEM_EXCEPTION;
+  } catch (const std::exception& e) {
+    TraceLog::Write(u"ERROR: STD exception cathed: %s.\n", WiddenString(e.what()));
+    return DISCONNECT_OTHER_ERROR;
+  } catch (...) {
+    TraceLog::Write(u"ERROR: Unknown exception cathed.\n");
+    return DISCONNECT_OTHER_ERROR;
+  }
+}
+
+void LogReceiveError(int32_t received, uint32_t error) {
+  TraceLog::Write(u"ERROR: Receive packect error(%d): %d,%s\n", received, error, ErrorText(error));
+}
+
+void LogUnsupportedType() {
+  TraceLog::Write(u"ERROR: Request not supported::%d,%s\n", Err::MessageTypeNotSupported,
+                  ErrorText(Err::MessageTypeNotSupported));
+}
+
+// A reply carrying only a status, for a request whose real reply cannot
+// be sent.
+void WriteStatusReply(const SmartPtr<DatagramStreamBuf>& link, int32_t requestId, uint32_t status) {
+  BasicStream out;
+  const int32_t size = HEADER_SIZE + ReplyHead::lengthOf();
+  AttachMessageBuffer(out, size, link);
+  WriteMessageHeader(out, MSG_REPLY, size);
+  ReplyHead reply;
+  reply.requestId = requestId;
+  reply.status = status;
+  reply.write(out);
+  out.Flush();
+  out.Clear();
 }
 
 }  // namespace
@@ -188,21 +234,11 @@ int Connection::Run() {
       if (m_factory) m_factory->ConnectionClosed(SmartPtr<Connection>(this), DISCONNECT_RECV_ERROR);
       return 0;
     }
-    reason = Serve();
-  } catch (const TavixException& e) {
-    TraceLog::Write(u"ERROR: Tavix Exception catched: %d,%s\n", e.Code(), ErrorText(e.Code()));
-    reason = DISCONNECT_LIBRARY_EXCEPTION;
-  } catch (const Win32SE&) {
-    TraceLog::Write(u"ERROR: Win32 SE catched.\n");
-    reason = DISCONNECT_SYSTEM_EXCEPTION;
-  } catch (const std::exception& e) {
-    TraceLog::Write(u"ERROR: STD exception cathed: %s.\n", WiddenString(e.what()));
-    reason = DISCONNECT_OTHER_ERROR;
+    reason = type == kUdp ? ServeDatagrams() : Serve();
   } catch (const abi::__forced_unwind&) {
     throw;  // thread cancellation must unwind on
   } catch (...) {
-    TraceLog::Write(u"ERROR: Unknown exception cathed.\n");
-    reason = DISCONNECT_OTHER_ERROR;
+    reason = LogCaughtException();
   }
 
   if (m_factory) {
@@ -227,7 +263,7 @@ int32_t Connection::Serve() {
     const uint32_t error = TavixGetLastError();
     if (!GetActivate()) return DISCONNECT_NORMAL;
     if (received == -1 || received == -2) {
-      TraceLog::Write(u"ERROR: Receive packect error(%d): %d,%s\n", received, error, ErrorText(error));
+      LogReceiveError(received, error);
       return DISCONNECT_RECV_ERROR;
     }
     if (received == 0 || received == -3) {
@@ -247,10 +283,74 @@ int32_t Connection::Serve() {
       case MSG_CLOSE:
         return DISCONNECT_NORMAL;
       default:
-        TraceLog::Write(u"ERROR: Request not supported::%d,%s\n", Err::MessageTypeNotSupported,
-                        ErrorText(Err::MessageTypeNotSupported));
+        LogUnsupportedType();
         return DISCONNECT_PROTOCOL_ERROR;
     }
+  }
+}
+
+int32_t Connection::ServeDatagrams() {
+  const SmartPtr<DatagramStreamBuf> link = MakeShared<DatagramStreamBuf>(m_transceiver);
+  for (;;) {
+    if (!GetActivate()) return DISCONNECT_NORMAL;
+    int32_t received = m_transceiver->WaitForRecv(0);
+    if (received > 0) received = link->Receive();
+    const uint32_t error = TavixGetLastError();
+    if (!GetActivate()) return DISCONNECT_NORMAL;
+    if (received == -3) {
+      TraceLog::Write(u"ERROR: Network Closed when receive packect(%d).\n", received);
+      return DISCONNECT_NETWORK_CLOSED;
+    }
+    if (received < 0) {
+      LogReceiveError(received, error);
+      continue;
+    }
+    try {
+      HandleDatagram(link);
+    } catch (const abi::__forced_unwind&) {
+      throw;
+    } catch (...) {
+      LogCaughtException();
+    }
+    link->DropGathered();
+  }
+}
+
+void Connection::HandleDatagram(const SmartPtr<DatagramStreamBuf>& datagram) {
+  DatagramStreamBuf& link = *datagram;
+  const int32_t size = link.ReceivedSize();
+  MsgHeaderData header;
+  uint32_t code = Err::IllegalSize;
+  if (size >= HEADER_SIZE) {
+    header.Decode(link.Received());
+    code = header.Check();
+    // A datagram is exactly one message.
+    if (code == 0 && header.size != size) code = Err::IllegalSize;
+  }
+  if (code != 0) {
+    LogReceiveError(-2, code);
+    return;
+  }
+  if (header.type == MSG_CLOSE) return;  // a UDP client's goodbye ends nothing
+  if (header.type != MSG_REQUEST) {
+    LogUnsupportedType();
+    return;
+  }
+  link.StartReading(HEADER_SIZE);
+  ObjectHelper request(SmartPtr<Connection>(this), m_factory->GetHost(), header.size, datagram);
+  request.Invoke();
+  if (request.GetContext().oneway != 0) return;
+  if (link.Oversized()) {
+    // The reply's head is at its start, and the kept part always holds it.
+    const uint8_t* id = link.Gathered().data() + HEADER_SIZE;
+    const auto requestId = static_cast<int32_t>(id[0] | id[1] << 8 | id[2] << 16 | static_cast<uint32_t>(id[3]) << 24);
+    link.DropGathered();
+    WriteStatusReply(datagram, requestId, Err::IllegalBufferSize);
+  }
+  // A failed send is reported as it is on a stream: as the exception.
+  if (link.SendGathered() < 0) {
+    const uint32_t error = TavixGetLastError();
+    TavixThrow(error != 0 ? error : Err::ConnectionClosed);
   }
 }
 

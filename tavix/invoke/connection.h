@@ -14,6 +14,7 @@
 
 namespace TAVIX {
 
+class DatagramStreamBuf;
 class ITransceiver;
 class IConnectionFactory;
 class ThreadPerConnection;
@@ -78,6 +79,11 @@ class Connection : public virtual Shared {
   // The loop of Run after the validation message went out; returns the
   // disconnect reason.
   int32_t Serve();
+  // The loop on a datagram transceiver: every datagram is one message. A
+  // bad datagram is logged and dropped; only Destroy (or a closed
+  // transceiver) ends the loop.
+  int32_t ServeDatagrams();
+  void HandleDatagram(const SmartPtr<DatagramStreamBuf>& datagram);
 
   void SetActivate(bool on) { m_activated.store(on ? 1 : 0); }
   bool GetActivate() const { return m_activated.load() != 0; }

@@ -15,13 +15,13 @@
 namespace TAVIX {
 
 ObjectHelper::ObjectHelper(const SmartPtr<Connection>& connection, const SmartPtr<IObjectHost>& host,
-                           int32_t messageSize)
-    : m_bodySize(messageSize - HEADER_SIZE), m_connection(connection), m_host(host) {
+                           int32_t messageSize, const SmartPtr<ITavixStreamBuf>& link)
+    : m_bodySize(messageSize - HEADER_SIZE), m_connection(connection), m_host(host), m_link(link) {
   m_reply.requestId = -1;
   m_connection->SetInServant(true);
   const SmartPtr<ITransceiver>& transceiver = m_connection->GetTransceiver();
-  m_transceiverBuf = MakeShared<StreamTransceiverBuf>(transceiver);
-  AttachMessageBuffer(m_input, m_bodySize, m_transceiverBuf);
+  if (!m_link) m_link = MakeShared<StreamTransceiverBuf>(transceiver);
+  AttachMessageBuffer(m_input, m_bodySize, m_link);
   m_socket = static_cast<uint32_t>(transceiver->GetHandle());
 }
 
@@ -90,7 +90,7 @@ void ObjectHelper::FinishServant(uint32_t status, int32_t resultLength, const FI
   // A reply made before any servant ran has no start to measure from.
   m_reply.serverTime = m_startTime == 0 ? 0.0 : ElapsedMs(&m_startTime, &endTime);
   m_replySize += HEADER_SIZE + ReplyHead::lengthOf() + resultLength;
-  AttachMessageBuffer(m_output, m_replySize, m_transceiverBuf);
+  AttachMessageBuffer(m_output, m_replySize, m_link);
   WriteMessageHeader(m_output, MSG_REPLY, m_replySize);
   m_reply.write(m_output);
 }

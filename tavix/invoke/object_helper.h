@@ -20,9 +20,11 @@ class IObjectHost;
 
 class ObjectHelper {
  public:
-  // `messageSize` is the request header's size, header included.
+  // `messageSize` is the request header's size, header included. The body
+  // is read and the reply written through `link`, the end of the stream
+  // chain; by default the connection's transceiver itself.
   ObjectHelper(const SmartPtr<Connection>& connection, const SmartPtr<IObjectHost>& host,
-               int32_t messageSize);
+               int32_t messageSize, const SmartPtr<ITavixStreamBuf>& link = nullptr);
   virtual ~ObjectHelper();
   ObjectHelper(const ObjectHelper&) = delete;
   ObjectHelper& operator=(const ObjectHelper&) = delete;
@@ -61,7 +63,7 @@ class ObjectHelper {
   FILETIME m_startTime = 0;
   BasicStream m_input;
   BasicStream m_output;
-  SmartPtr<ITavixStreamBuf> m_transceiverBuf;
+  SmartPtr<ITavixStreamBuf> m_link;
   bool m_finished = false;
 };
 

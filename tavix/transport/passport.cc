@@ -11,6 +11,7 @@
 #include "tavix/core/text.h"
 #include "tavix/transport/tcp_acceptor.h"
 #include "tavix/transport/tcp_transceiver.h"
+#include "tavix/transport/udp_transceiver.h"
 
 namespace TAVIX {
 namespace {
@@ -206,18 +207,58 @@ int32_t TcpPassport::CreateAcceptor(SmartPtr<IAcceptor>& holder) const {
   return 0;
 }
 
-// Only TCP endpoints are made here; any other protocol word is refused.
+int32_t UdpPassport::OpenInHolder(SmartPtr<ITransceiver>& holder, int32_t mode) const {
+  if (holder && holder->Type() != PASSPORT_UDP) {
+    holder->Close();
+    holder = nullptr;
+  }
+  InetAddr address;
+  if (!IsLocal()) {
+    if (!address.Set(Host().c_str(), Port())) return -1;
+  } else if (mode == UdpTransceiver::UDP_MODE_CLIENT) {
+    address.SetBroadcast(Port());
+  } else {
+    address.SetAny(Port());
+  }
+  SmartPtr<UdpTransceiver> transceiver = SmartPtr<UdpTransceiver>::DynamicCast(holder);
+  if (transceiver) {
+    transceiver->Close();
+  } else {
+    transceiver = MakeShared<UdpTransceiver>(static_cast<UdpTransceiver::Mode>(mode), address);
+  }
+  if (transceiver->Open() != 0) return -1;
+  holder = transceiver;
+  return 0;
+}
+
+int32_t UdpPassport::CreateClientTransceiver(SmartPtr<ITransceiver>& holder) const {
+  return OpenInHolder(holder, UdpTransceiver::UDP_MODE_CLIENT);
+}
+
+int32_t UdpPassport::CreateServerTransceiver(SmartPtr<ITransceiver>& holder) const {
+  return OpenInHolder(holder, UdpTransceiver::UDP_MODE_SERVER);
+}
+
+int32_t UdpPassport::CreateAcceptor(SmartPtr<IAcceptor>& /*holder*/) const {
+  TavixSetLastError(Err::UnsupportedFunction);
+  return -2;
+}
+
 SmartPtr<IPassport> PassportFactory::Create(const std::u16string& text) const {
   const std::vector<std::u16string_view> tokens = Tokens(text);
   if (tokens.empty()) {
     TavixSetLastError(Err::BadPassportString);
     return nullptr;
   }
-  if (!EqualsNoCase(tokens.front(), ProtocolWord(PASSPORT_TCP))) {
+  SmartPtr<IPassport> passport;
+  if (EqualsNoCase(tokens.front(), ProtocolWord(PASSPORT_TCP))) {
+    passport = MakeShared<TcpPassport>();
+  } else if (EqualsNoCase(tokens.front(), ProtocolWord(PASSPORT_UDP))) {
+    passport = MakeShared<UdpPassport>();
+  } else {
     TavixSetLastError(Err::UnsupportedFunction);
     return nullptr;
   }
-  SmartPtr<IPassport> passport = MakeShared<TcpPassport>();
   if (!passport->Create(text)) return nullptr;
   return passport;
 }

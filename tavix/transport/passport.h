@@ -114,6 +114,32 @@ class TcpPassport : public IpPassport {
   int32_t CreateAcceptor(SmartPtr<IAcceptor>& holder) const override;
 };
 
+class UdpPassport : public IpPassport {
+ public:
+  UdpPassport() = default;
+  UdpPassport(const UdpPassport& other) : Shared(), IpPassport(other) {}
+  UdpPassport& operator=(const UdpPassport& other) {
+    IpPassport::operator=(other);
+    return *this;
+  }
+
+  PassportType Type() const override { return PASSPORT_UDP; }
+  // A client-mode UdpTransceiver aimed at the host, or at the broadcast
+  // address with the passport's port when the local flag is set.
+  int32_t CreateClientTransceiver(SmartPtr<ITransceiver>& holder) const override;
+  // A server-mode UdpTransceiver bound to the host's address, or to every
+  // interface when the local flag is set.
+  int32_t CreateServerTransceiver(SmartPtr<ITransceiver>& holder) const override;
+  // Always -2 with Err::UnsupportedFunction: datagrams are not accepted.
+  int32_t CreateAcceptor(SmartPtr<IAcceptor>& holder) const override;
+
+ private:
+  // Closes and reuses a UDP transceiver in `holder` (its mode and address
+  // stay), or makes one in `mode` for this endpoint, and opens it. On
+  // failure `holder` keeps what it had.
+  int32_t OpenInHolder(SmartPtr<ITransceiver>& holder, int32_t mode) const;
+};
+
 // Makes the passport that an endpoint string's protocol word names.
 class PassportFactory {
  public:

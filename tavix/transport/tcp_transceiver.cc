@@ -12,45 +12,11 @@
 #include "tavix/platform/process.h"
 
 namespace TAVIX {
-namespace {
 
-// Hands "<what>:%d,%s" with the last error and its text to the trace.
-void TraceError(const char16_t* format) {
-  const uint32_t code = platform::LastError();
-  std::u16string text;
-  tavixTrace(format, code, GetErrMsg(code, text));
-}
-
-bool WouldBlock() {
-  const uint32_t code = platform::LastError();
-  return code == EWOULDBLOCK || code == EAGAIN;
-}
-
-}  // namespace
-
-// Holds the descriptor open for one socket call; empty when the transceiver
-// was closed.
-class TcpTransceiver::Pin {
- public:
-  explicit Pin(TcpTransceiver& owner) : m_owner(owner) {
-    ScopedLock guard(m_owner.m_lock);
-    m_socket = m_owner.PinLocked();
-  }
-  ~Pin() {
-    if (!m_socket.IsValid()) return;
-    ScopedLock guard(m_owner.m_lock);
-    m_owner.UnpinLocked();
-  }
-  Pin(const Pin&) = delete;
-  Pin& operator=(const Pin&) = delete;
-
-  explicit operator bool() const { return m_socket.IsValid(); }
-  const platform::SocketView& Socket() const { return m_socket; }
-
- private:
-  TcpTransceiver& m_owner;
-  platform::SocketView m_socket;
-};
+TcpTransceiver::TcpTransceiver()
+    : SocketTransceiver({u"TcpTransceiver::WaitForRecv, select error:%d,%s\n",
+                         u"TcpTransceiver::Close, ShutdownBoth error:%d,%s\n",
+                         u"TcpTransceiver::Close, CloseSocket error:%d,%s\n"}) {}
 
 TcpTransceiver::~TcpTransceiver() { Close(); }
 
@@ -95,61 +61,13 @@ void TcpTransceiver::ApplyTcpOptionsLocked() {
   SetKeepAlive(true);
 }
 
-int32_t TcpTransceiver::GetHandle() const {
-  ScopedLock guard(m_lock);
-  return m_socket.Handle();
-}
-
 void TcpTransceiver::Close() {
-  EnsureLastError keepCallerError;
   ScopedLock guard(m_lock);
-  if (!m_socket.IsValid()) return;
-  if (!ShutdownBoth()) TraceError(u"TcpTransceiver::Close, ShutdownBoth error:%d,%s\n");
   // A thread blocked in WaitForRecv gets time to wake before the socket
   // goes. Without one there is nobody to wait for: pinned calls keep the
   // descriptor alive themselves, so a plain close (the common case at the
   // end of every connection) costs no pause.
-  if (m_waiting) platform::SleepMs(kCloseDelayMs);
-  if (m_pins == 0) {
-    if (!CloseSocket()) TraceError(u"TcpTransceiver::Close, CloseSocket error:%d,%s\n");
-  } else {
-    m_retired.push_back(std::move(m_socket));
-  }
-}
-
-bool TcpTransceiver::IsOpen() const {
-  ScopedLock guard(m_lock);
-  return m_socket.IsValid();
-}
-
-bool TcpTransceiver::IsWaiting() const {
-  ScopedLock guard(m_lock);
-  return m_waiting;
-}
-
-int32_t TcpTransceiver::WaitForRecv(uint32_t timeoutMs) {
-  platform::SocketView socket;
-  {
-    ScopedLock guard(m_lock);
-    if (!m_socket.IsValid()) return -3;
-    m_waiting = true;
-    socket = PinLocked();
-  }
-  const int32_t ready = socket.Poll(platform::PollFor::kRead, timeoutMs);
-  const uint32_t error = platform::LastError();
-  ScopedLock guard(m_lock);
-  m_waiting = false;
-  UnpinLocked();
-  if (ready == 0) {
-    TavixSetLastError(Err::ReceiveTimeout);
-    return -2;
-  }
-  if (ready < 0) {
-    platform::SetLastError(error);
-    TraceError(u"TcpTransceiver::WaitForRecv, select error:%d,%s\n");
-    return -1;
-  }
-  return m_socket.IsValid() ? ready : -3;
+  CloseSocketLocked(kCloseDelayMs);
 }
 
 int32_t TcpTransceiver::WaitForSend(uint32_t timeoutMs) {
@@ -174,7 +92,7 @@ int32_t TcpTransceiver::Recv(void* buffer, int32_t length) {
   for (;;) {
     const int32_t count = pin.Socket().Recv(buffer, length);
     if (count >= 0) return count;
-    if (!WouldBlock()) {
+    if (!LastErrorIsWouldBlock()) {
       TraceError(u"TcpTransceiver::Recv, recv error:%d,%s\n");
       return -1;
     }
@@ -201,7 +119,7 @@ int32_t TcpTransceiver::Recvn(void* buffer, int32_t length) {
       continue;
     }
     if (count == 0) return 0;
-    if (!WouldBlock()) {
+    if (!LastErrorIsWouldBlock()) {
       TraceError(u"TcpTransceiver::Recvn, recv error:%d,%s\n");
       return -1;
     }
@@ -236,7 +154,7 @@ int32_t TcpTransceiver::Send(const void* buffer, int32_t length) {
       continue;
     }
     if (count == 0) return 0;
-    if (WouldBlock()) {
+    if (LastErrorIsWouldBlock()) {
       const int32_t ready = WaitForSend(0);
       if (ready < 0) return ready;
       continue;
@@ -263,17 +181,6 @@ void TcpTransceiver::SetPeer(const std::u16string& address, uint16_t port) {
   ScopedLock guard(m_lock);
   m_peerAddress = address;
   m_peerPort = port;
-}
-
-platform::SocketView TcpTransceiver::PinLocked() {
-  if (m_socket.IsValid()) ++m_pins;
-  return m_socket.View();
-}
-
-void TcpTransceiver::UnpinLocked() {
-  if (--m_pins > 0 || m_retired.empty()) return;
-  EnsureLastError keepCallerError;
-  m_retired.clear();
 }
 
 }  // namespace TAVIX

@@ -5,14 +5,12 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
-#include "tavix/core/locks.h"
-#include "tavix/transport/transceiver.h"
+#include "tavix/transport/socket_transceiver.h"
 
 namespace TAVIX {
 
-class TcpTransceiver : public ITransceiver, public SockWrapper {
+class TcpTransceiver : public SocketTransceiver {
  public:
   // Socket buffers each way.
   static constexpr int32_t kBufferSize = 65536;
@@ -24,7 +22,7 @@ class TcpTransceiver : public ITransceiver, public SockWrapper {
   // Send halves its chunk on ENOBUFS only while the chunk is above this.
   static constexpr int32_t kMinChunk = 8192;
 
-  TcpTransceiver() = default;
+  TcpTransceiver();
   ~TcpTransceiver() override;
 
   // The client connection: a fresh socket connected (blocking, no limit) to
@@ -42,16 +40,12 @@ class TcpTransceiver : public ITransceiver, public SockWrapper {
   static void AttachToHolder(SmartPtr<ITransceiver>& holder, platform::Socket socket,
                              const InetAddr& peer);
 
-  int32_t GetHandle() const override;
   // A TCP pipe is opened by connecting or accepting: does nothing.
   int32_t Open() override { return 0; }
   // Shuts the socket down, waits kCloseDelayMs when a thread is blocked in
   // WaitForRecv, and closes it. The caller's last error survives. Closing a
   // closed transceiver does nothing.
   void Close() override;
-  bool IsOpen() const override;
-  int32_t WaitForRecv(uint32_t timeoutMs) override;
-  bool IsWaiting() const override;
   int32_t Recv(void* buffer, int32_t length) override;
   int32_t Recvn(void* buffer, int32_t length) override;
   int32_t Send(const void* buffer, int32_t length) override;
@@ -65,22 +59,10 @@ class TcpTransceiver : public ITransceiver, public SockWrapper {
   int32_t WaitForSend(uint32_t timeoutMs);
 
  private:
-  class Pin;
-
-  // Both run under m_lock. A pinned descriptor stays open, even through a
-  // Close, until its last pin goes.
-  platform::SocketView PinLocked();
-  void UnpinLocked();
   void ApplyTcpOptionsLocked();
 
-  bool m_waiting = false;
-  mutable SpinLock m_lock;
   std::u16string m_peerAddress;
   uint16_t m_peerPort = 0;
-  // Threads inside a socket call, and the sockets that Close shut down
-  // while such calls ran; the last of those threads closes them.
-  int32_t m_pins = 0;
-  std::vector<platform::Socket> m_retired;
 };
 
 }  // namespace TAVIX

@@ -1,0 +1,54 @@
+#include "tavix/transport/datagram_stream_buf.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "tavix/core/errors.h"
+
+namespace TAVIX {
+
+DatagramStreamBuf::DatagramStreamBuf(const SmartPtr<ITransceiver>& transceiver) : m_transceiver(transceiver) {}
+
+int32_t DatagramStreamBuf::Receive() {
+  const int32_t limit = m_transceiver->MaxMessageSize();
+  if (m_received.size() < static_cast<size_t>(limit)) m_received.resize(static_cast<size_t>(limit));
+  m_readAt = 0;
+  m_receivedSize = 0;
+  const int32_t r = m_transceiver->Recv(m_received.data(), static_cast<int32_t>(m_received.size()));
+  if (r > 0) m_receivedSize = r;
+  return r;
+}
+
+int32_t DatagramStreamBuf::sgetn(void* data, int32_t count) {
+  if (count < 0 || count > m_receivedSize - m_readAt) TavixThrow(Err::OutOfBounds);
+  std::memcpy(data, m_received.data() + m_readAt, static_cast<size_t>(count));
+  m_readAt += count;
+  return count;
+}
+
+int32_t DatagramStreamBuf::sputn(const void* data, int32_t count) {
+  if (count <= 0) return 0;
+  const int64_t room = std::max<int64_t>(0, m_transceiver->MaxMessageSize() - m_gatheredSize);
+  const auto* bytes = static_cast<const uint8_t*>(data);
+  m_gathered.insert(m_gathered.end(), bytes, bytes + std::min<int64_t>(room, count));
+  m_gatheredSize += count;
+  return count;
+}
+
+int32_t DatagramStreamBuf::SendGathered() {
+  int32_t r = -2;
+  if (Oversized()) {
+    TavixSetLastError(Err::IllegalBufferSize);
+  } else {
+    r = m_transceiver->Send(m_gathered.data(), static_cast<int32_t>(m_gathered.size()));
+  }
+  DropGathered();
+  return r;
+}
+
+void DatagramStreamBuf::DropGathered() {
+  m_gathered.clear();
+  m_gatheredSize = 0;
+}
+
+}  // namespace TAVIX

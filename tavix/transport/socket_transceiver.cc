@@ -1,0 +1,101 @@
+#include "tavix/transport/socket_transceiver.h"
+
+#include <cerrno>
+#include <string>
+#include <utility>
+
+#include "tavix/core/errors.h"
+#include "tavix/core/trace_log.h"
+#include "tavix/platform/last_error.h"
+#include "tavix/platform/process.h"
+
+namespace TAVIX {
+
+bool LastErrorIsWouldBlock() {
+  const uint32_t code = platform::LastError();
+  return code == EWOULDBLOCK || code == EAGAIN;
+}
+
+SocketTransceiver::Pin::Pin(SocketTransceiver& owner) : m_owner(owner) {
+  ScopedLock guard(m_owner.m_lock);
+  m_socket = m_owner.PinLocked();
+}
+
+SocketTransceiver::Pin::~Pin() {
+  if (!m_socket.IsValid()) return;
+  ScopedLock guard(m_owner.m_lock);
+  m_owner.UnpinLocked();
+}
+
+SocketTransceiver::~SocketTransceiver() = default;
+
+void SocketTransceiver::TraceError(const char16_t* format) {
+  const uint32_t code = platform::LastError();
+  std::u16string text;
+  tavixTrace(format, code, GetErrMsg(code, text));
+}
+
+int32_t SocketTransceiver::GetHandle() const {
+  ScopedLock guard(m_lock);
+  return m_socket.Handle();
+}
+
+bool SocketTransceiver::IsOpen() const {
+  ScopedLock guard(m_lock);
+  return m_socket.IsValid();
+}
+
+bool SocketTransceiver::IsWaiting() const {
+  ScopedLock guard(m_lock);
+  return m_waiting;
+}
+
+void SocketTransceiver::CloseSocketLocked(uint32_t pauseMs) {
+  EnsureLastError keepCallerError;
+  if (!m_socket.IsValid()) return;
+  if (!ShutdownBoth()) TraceError(m_traces.shutdownError);
+  if (m_waiting && pauseMs != 0) platform::SleepMs(pauseMs);
+  if (m_pins == 0) {
+    if (!CloseSocket()) TraceError(m_traces.closeError);
+  } else {
+    m_retired.push_back(std::move(m_socket));
+  }
+}
+
+int32_t SocketTransceiver::WaitForRecv(uint32_t timeoutMs) {
+  platform::SocketView socket;
+  {
+    ScopedLock guard(m_lock);
+    if (!m_socket.IsValid()) return -3;
+    m_waiting = true;
+    socket = PinLocked();
+  }
+  const int32_t ready = socket.Poll(platform::PollFor::kRead, timeoutMs);
+  const uint32_t error = platform::LastError();
+  ScopedLock guard(m_lock);
+  m_waiting = false;
+  UnpinLocked();
+  if (ready == 0) {
+    TavixSetLastError(Err::ReceiveTimeout);
+    return -2;
+  }
+  if (ready < 0) {
+    platform::SetLastError(error);
+    TraceError(m_traces.waitError);
+    return -1;
+  }
+  return m_socket.IsValid() ? ready : -3;
+}
+
+platform::SocketView SocketTransceiver::PinLocked() {
+  if (m_socket.IsValid()) ++m_pins;
+  return m_socket.View();
+}
+
+void SocketTransceiver::UnpinLocked() {
+  if (--m_pins > 0 || m_retired.empty()) return;
+  EnsureLastError keepCallerError;
+  m_retired.clear();
+}
+
+}  // namespace TAVIX

@@ -1,0 +1,80 @@
+// What the TCP and UDP transceivers share: one socket under a lock, pins
+// that keep the descriptor open while a call runs on it, a close that never
+// takes a descriptor from under such a call, and the wait for data.
+#ifndef TAVIX_TRANSPORT_SOCKET_TRANSCEIVER_H_
+#define TAVIX_TRANSPORT_SOCKET_TRANSCEIVER_H_
+
+#include <cstdint>
+#include <vector>
+
+#include "tavix/core/locks.h"
+#include "tavix/transport/transceiver.h"
+
+namespace TAVIX {
+
+class SocketTransceiver : public ITransceiver, public SockWrapper {
+ public:
+  ~SocketTransceiver() override;
+
+  int32_t GetHandle() const override;
+  bool IsOpen() const override;
+  bool IsWaiting() const override;
+  // Close from another thread wakes the wait, which then returns -3.
+  int32_t WaitForRecv(uint32_t timeoutMs) override;
+
+ protected:
+  // The debug trace lines of one transceiver class, each with "%d,%s" (or
+  // "%s") for the error and its text.
+  struct TraceFormats {
+    const char16_t* waitError;
+    const char16_t* shutdownError;
+    const char16_t* closeError;
+  };
+
+  // Holds the descriptor open for one socket call; empty when the
+  // transceiver was closed.
+  class Pin {
+   public:
+    explicit Pin(SocketTransceiver& owner);
+    ~Pin();
+    Pin(const Pin&) = delete;
+    Pin& operator=(const Pin&) = delete;
+
+    explicit operator bool() const { return m_socket.IsValid(); }
+    const platform::SocketView& Socket() const { return m_socket; }
+
+   private:
+    SocketTransceiver& m_owner;
+    platform::SocketView m_socket;
+  };
+
+  explicit SocketTransceiver(const TraceFormats& traces) : m_traces(traces) {}
+
+  // Shuts the socket down, which wakes every thread blocked on it, then
+  // closes it, or leaves that to the last pinned call still inside it.
+  // `pauseMs` lets a thread woken from WaitForRecv run first. The caller's
+  // last error survives.
+  void CloseSocketLocked(uint32_t pauseMs);
+  // Hands "%d,%s" with the last error and its text to the debug trace.
+  static void TraceError(const char16_t* format);
+
+  mutable SpinLock m_lock;
+  bool m_waiting = false;
+
+ private:
+  // Both run under m_lock. A pinned descriptor stays open, even through a
+  // close, until its last pin goes.
+  platform::SocketView PinLocked();
+  void UnpinLocked();
+
+  TraceFormats m_traces;
+  int32_t m_pins = 0;
+  std::vector<platform::Socket> m_retired;
+};
+
+// True when the last error says a non-blocking call found nothing to do.
+bool LastErrorIsWouldBlock();
+
+}  // namespace TAVIX
+
+#endif  // TAVIX_TRANSPORT_SOCKET_TRANSCEIVER_H_
