@@ -74,6 +74,12 @@ TEST_F(ClientCommandsTest, FailuresPrintTheirCodeAndExitOne) {
   EXPECT_EQ(1, run.status);
   EXPECT_NE(std::string::npos, run.output.find("ping 1 failed: 0x0000006F")) << run.output;  // ECONNREFUSED
 
+  // Broadcasts carry one-way calls only; nothing is sent for a two-way one.
+  run = Tool("ping 'Echo:udp -h #any -p " + std::to_string(closed) + "'");
+  EXPECT_EQ(1, run.status);
+  EXPECT_NE(std::string::npos, run.output.find("0x20000019 Broadcast transfers can be only used with oneway mode."))
+      << run.output;
+
   run = Tool("ping 'no-colon'");
   EXPECT_EQ(1, run.status);
   EXPECT_NE(std::string::npos, run.output.find("0x2000000A")) << run.output;

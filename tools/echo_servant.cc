@@ -26,6 +26,7 @@ uint32_t EchoServant::Sleep(int32_t milliseconds, const Context& /*ctx*/) {
 }
 
 void EchoServant::Dispatch(ObjectHelper& request) {
+  m_requests.fetch_add(1);
   // Sorted by name; "ObjectIsA", "ObjectPing" and unknown names go to the base.
   ServantTable<EchoServant, Entry<echo_ops::Echo, &EchoServant::Echo>,
                Entry<echo_ops::EchoBlob, &EchoServant::EchoBlob>, Entry<echo_ops::Fail, &EchoServant::Fail>,

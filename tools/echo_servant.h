@@ -4,6 +4,7 @@
 #ifndef TAVIX_TOOLS_ECHO_SERVANT_H_
 #define TAVIX_TOOLS_ECHO_SERVANT_H_
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -31,6 +32,13 @@ class EchoServant : public Object {
   void Dispatch(ObjectHelper& request) override;
   void GetObjectIds(std::vector<std::u16string>& ids) override;
   std::u16string GetObjectId() override;
+
+  // Requests dispatched to this servant so far, built-ins and one-way
+  // calls included.
+  int64_t Requests() const { return m_requests.load(); }
+
+ private:
+  std::atomic<int64_t> m_requests{0};
 };
 
 }  // namespace TAVIX

@@ -30,7 +30,8 @@ void ReportFailure(const std::string& what, uint32_t code) {
 int Serve(const ServeOptions& options) {
   SmartPtr<Communicator> communicator = Initialize(u"tavix");
   SmartPtr<ObjectAdapter> adapter = communicator->CreateObjectAdapter(std::string("Serve"));
-  if (!adapter || !adapter->AddServant(MakeShared<EchoServant>(), options.name)) {
+  const SmartPtr<EchoServant> echo = MakeShared<EchoServant>();
+  if (!adapter || !adapter->AddServant(echo, options.name)) {
     ReportFailure("cannot register \"" + options.name + "\"", TavixGetLastError());
     communicator->Destroy();
     return 1;
@@ -57,6 +58,7 @@ int Serve(const ServeOptions& options) {
     ReportFailure("cannot wait for a termination signal", TavixGetLastError());
   }
   communicator->Destroy();
+  std::printf("requests: %s\n", std::to_string(echo->Requests()).c_str());
   return 0;
 }
 

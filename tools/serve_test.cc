@@ -59,8 +59,9 @@ class ToolProcess {
 
 std::string Endpoint(uint16_t port) { return "--endpoint 'tcp -h #any -p " + std::to_string(port) + "'"; }
 
-void ExpectEcho(uint16_t port, const std::string& object) {
-  SmartPtr<EchoPrx> proxy = CreateProxy<EchoPrx>(Initialize(), object + ":tcp -h 127.0.0.1 -p " + std::to_string(port));
+void ExpectEcho(uint16_t port, const std::string& object, const std::string& protocol = "tcp") {
+  SmartPtr<EchoPrx> proxy =
+      CreateProxy<EchoPrx>(Initialize(), object + ":" + protocol + " -h 127.0.0.1 -p " + std::to_string(port));
   std::u16string out;
   EXPECT_EQ(0u, proxy->Echo(u"hello", out));
   EXPECT_EQ(u"hello", out);
@@ -73,9 +74,12 @@ TEST(TavixServe, PrintsProxiesServesEchoAndStopsOnSignals) {
     const std::string name = signal == SIGTERM ? "Box" : "Echo";
     std::vector<uint16_t> ports{FreePort()};
     std::string args = "serve " + Endpoint(ports[0]);
+    // A UDP endpoint beside them (UDP ports are free when TCP ones are, as
+    // far as this test's luck goes: a clash only fails the start).
+    const uint16_t udp = FreePort();
     if (signal == SIGTERM) {
       ports.push_back(FreePort());
-      args += " " + Endpoint(ports[1]) + " --name Box";
+      args += " " + Endpoint(ports[1]) + " --name Box --endpoint 'udp -h #any -p " + std::to_string(udp) + "'";
     }
     ToolProcess tool(args);
     std::vector<std::string> expected;
@@ -84,11 +88,17 @@ TEST(TavixServe, PrintsProxiesServesEchoAndStopsOnSignals) {
       expected.push_back(name + ":tcp -h " + host + " -p " + std::to_string(port) + " -t 0");
       lines.push_back(tool.Line());
     }
+    if (signal == SIGTERM) {
+      expected.push_back(name + ":udp -h " + host + " -p " + std::to_string(udp) + " -t 0");
+      lines.push_back(tool.Line());
+      ExpectEcho(udp, name, "udp");
+    }
     std::sort(lines.begin(), lines.end());
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(expected, lines);
     for (const uint16_t port : ports) ExpectEcho(port, name);
     tool.Signal(signal);
+    EXPECT_EQ(signal == SIGTERM ? "requests: 3" : "requests: 1", tool.Line());
     EXPECT_EQ(0, tool.Wait()) << "signal " << signal;
   }
 }

@@ -12,8 +12,10 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: tavix serve [--endpoint \"<endpoint string>\"]... [--name <object-id>]\n"
-    "  --endpoint  an endpoint to listen on (default \"tcp -h #any -p 5678\"); may repeat\n"
-    "  --name      the Echo object's id (default \"Echo\")\n";
+    "  --endpoint  an endpoint to listen on (default \"tcp -h #any -p 5678\"), TCP or UDP; may repeat\n"
+    "  --name      the Echo object's id (default \"Echo\")\n"
+    "  Prints the proxy strings, serves until SIGINT or SIGTERM, then prints\n"
+    "  \"requests: N\", the requests the Echo object received.\n";
 
 int Usage(const char* complaint) {
   if (complaint != nullptr) std::fprintf(stderr, "tavix: %s\n", complaint);

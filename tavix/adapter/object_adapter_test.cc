@@ -59,7 +59,7 @@ TEST(ObjectAdapter, PassportsConflictOpenAndClose) {
     uint32_t error;
   } refused[] = {{Endpoint(port), Err::PassportConflict},
                  {Endpoint(port, "10.0.0.1"), Err::PassportConflict},
-                 {"udp -h #any -p " + std::to_string(port), Err::UnsupportedFunction},
+                 {"sctp -h #any -p " + std::to_string(port), Err::UnsupportedFunction},
                  {"tcp -h #any", Err::BadPassportString}};
   for (const auto& c : refused) {
     TavixSetLastError(0);

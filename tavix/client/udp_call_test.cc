@@ -1,0 +1,276 @@
+// Calls over datagrams end to end on loopback: the bytes of request and
+// reply datagrams (captured with a plain UDP socket at the other end),
+// one-way silence, late replies, time-outs, oversized messages, malformed
+// datagrams and a flood, and the shutdown of a waiting serving loop.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tavix/client/typed_call.h"
+#include "tavix/invoke/wire_test_util.h"
+#include "tavix/transport/transport_test_util.h"
+
+namespace TAVIX {
+namespace {
+
+using namespace test_wire;
+
+using EchoOp = Operation<u"Echo", In<std::u16string>, Out<std::u16string>>;
+using FillOp = Operation<u"Fill", In<int32_t>, Out<std::string>>;
+using NoteOp = OneWayOperation<u"Note", In<int32_t>>;
+
+class Servant : public Object {
+ public:
+  std::atomic<int32_t> notes{0};
+
+  uint32_t Echo(const std::u16string& in, std::u16string& out, const Context&) {
+    out = in;
+    return 0;
+  }
+  uint32_t Fill(const int32_t& bytes, std::string& out, const Context&) {
+    out.assign(static_cast<size_t>(bytes), 'f');
+    return 0;
+  }
+  uint32_t Note(const int32_t& n, const Context&) {
+    notes += n;
+    return 0;
+  }
+  void Dispatch(ObjectHelper& request) override {
+    ServantTable<Servant, Entry<EchoOp, &Servant::Echo>, Entry<FillOp, &Servant::Fill>,
+                 Entry<NoteOp, &Servant::Note>>::Dispatch(*this, request);
+  }
+};
+
+class Prx : public ProxyObject {
+ public:
+  uint32_t Echo(const std::u16string& in, std::u16string& out) { return Invoke<EchoOp>(*this, in, out); }
+  uint32_t Fill(int32_t bytes, std::string& out) { return Invoke<FillOp>(*this, bytes, out); }
+  uint32_t Note(int32_t n) { return Invoke<NoteOp>(*this, n); }
+};
+
+// A plain datagram socket on 127.0.0.1.
+class RawUdp {
+ public:
+  RawUdp() {
+    InetAddr address;
+    address.Set("127.0.0.1", 0);
+    uint32_t length = InetAddr::SockAddrLen();
+    EXPECT_TRUE(m_socket.Create(platform::SocketType::kDatagram));
+    EXPECT_TRUE(m_socket.Bind(address.SockAddr(), length));
+    EXPECT_TRUE(m_socket.LocalName(address.SockAddr(), length));
+    port = address.Port();
+  }
+  void SendTo(uint16_t to, const Bytes& bytes) {
+    InetAddr address;
+    address.Set("127.0.0.1", to);
+    EXPECT_EQ(static_cast<int32_t>(bytes.size()),
+              m_socket.SendTo(bytes.data(), static_cast<int32_t>(bytes.size()), address.SockAddr(),
+                              InetAddr::SockAddrLen()));
+  }
+  // One datagram and its sender's port; empty when none came in time.
+  Bytes Receive(uint32_t timeoutMs = 2000, uint16_t* from = nullptr) {
+    if (m_socket.Poll(platform::PollFor::kRead, timeoutMs) != 1) return {};
+    Bytes bytes(65536);
+    InetAddr sender;
+    uint32_t length = InetAddr::SockAddrLen();
+    const int32_t n = m_socket.RecvFrom(bytes.data(), static_cast<int32_t>(bytes.size()), sender.SockAddr(), length);
+    bytes.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    if (from != nullptr) *from = sender.Port();
+    return bytes;
+  }
+
+  uint16_t port = 0;
+
+ private:
+  platform::Socket m_socket;
+};
+
+// A servant behind a UDP endpoint on 127.0.0.1 at a port found free.
+struct UdpServer {
+  UdpServer() {
+    adapter->AddServant(servant, std::string("A"));
+    adapter->Activate();
+    for (int attempt = 0; attempt < 20 && port == 0; ++attempt) {
+      const uint16_t candidate = RawUdp().port;
+      if (adapter->AddPassport("udp -h 127.0.0.1 -p " + std::to_string(candidate))) port = candidate;
+    }
+    EXPECT_NE(0, port);
+  }
+  ~UdpServer() { communicator->Destroy(); }
+  std::string Proxy(uint32_t timeoutMs = 2000) const {
+    return "A:udp -h 127.0.0.1 -p " + std::to_string(port) + " -t " + std::to_string(timeoutMs);
+  }
+
+  SmartPtr<Communicator> communicator = Initialize();
+  SmartPtr<ObjectAdapter> adapter = communicator->CreateObjectAdapter(std::string("Udp"));
+  SmartPtr<Servant> servant = MakeShared<Servant>();
+  uint16_t port = 0;
+};
+
+Bytes EchoArguments(const std::u16string& text) { return Writer().wstr(text).get(); }
+
+TEST(UdpServerTest, AnswersEachDatagramToItsSenderAndDropsBadOnes) {
+  UdpServer server;
+  RawUdp raw;
+  LogLines log;
+  const auto echoed = [&](int32_t id, const std::u16string& text) {
+    raw.SendTo(server.port, Request(id, u"A", u"Echo", EchoArguments(text)));
+    return ParseReply(raw.Receive());
+  };
+  // No validation message: the first datagram is the first request.
+  Reply reply = echoed(7, u"hi");
+  EXPECT_EQ(7, reply.requestId);
+  EXPECT_EQ(0u, reply.status);
+  EXPECT_EQ(EchoArguments(u"hi"), reply.results);
+  EXPECT_EQ(36 + 5, reply.size);
+
+  Bytes good = Request(8, u"A", u"Echo", EchoArguments(u"x"));
+  Bytes sizeDisagrees = good;
+  sizeDisagrees.push_back(0);
+  Bytes badCrc = good;
+  badCrc[9] ^= 1;
+  const Bytes bad[] = {Bytes(30, 0xAB), Bytes(good.begin(), good.begin() + 12), sizeDisagrees, badCrc,
+                       Header(MSG_VALIDATE, 20), Request(9, u"A", u"Echo", Bytes{0xFF, 0xFF})};
+  for (const Bytes& datagram : bad) {
+    raw.SendTo(server.port, datagram);
+    EXPECT_EQ(8, echoed(8, u"x").requestId) << Hex(datagram) << ": the next good datagram is answered";
+  }
+  EXPECT_TRUE(log.Has(u"ERROR: Receive packect error(-2): 536871940,Illegal size"));
+  EXPECT_TRUE(log.Has(u"ERROR: Receive packect error(-2): 536870945,CRC check error."));
+  EXPECT_TRUE(log.Has(u"ERROR: Request not supported::536870927,Message type not support."));
+  EXPECT_TRUE(log.Has(u"ERROR: Tavix Exception catched: 536871938,Unmarshal or marshal Out Of Bounds"));
+
+  raw.SendTo(server.port, Request(10, u"Nobody", u"Echo"));
+  EXPECT_EQ(Err::ObjectNotFound, ParseReply(raw.Receive()).status);
+  // One-way: the servant runs, nothing comes back.
+  raw.SendTo(server.port, Request(0, u"A", u"Note", Writer().i32(5).get()));
+  EXPECT_TRUE(raw.Receive(300).empty());
+  EXPECT_EQ(5, server.servant->notes.load());
+  // A client's close message ends nothing.
+  raw.SendTo(server.port, Header(MSG_CLOSE, 20));
+  EXPECT_EQ(8, echoed(8, u"x").requestId);
+}
+
+TEST(UdpServerTest, OversizedReplyBecomesAStatusReply) {
+  UdpServer server;
+  RawUdp raw;
+  const int32_t fits = 65507 - 36 - 5;  // the string's 5-byte length prefix
+  for (const int32_t bytes : {fits, fits + 1}) {
+    raw.SendTo(server.port, Request(3, u"A", u"Fill", Writer().i32(bytes).get()));
+    const Bytes datagram = raw.Receive();
+    const Reply reply = ParseReply(datagram);
+    EXPECT_EQ(3, reply.requestId);
+    if (bytes == fits) {
+      EXPECT_EQ(0u, reply.status);
+      EXPECT_EQ(65507u, datagram.size());
+    } else {
+      EXPECT_EQ(Err::IllegalBufferSize, reply.status);
+      EXPECT_EQ(Concat(Header(MSG_REPLY, 36), Writer().i32(3).i32(Err::IllegalBufferSize).get()),
+                Bytes(datagram.begin(), datagram.begin() + 28));
+      EXPECT_EQ(36u, datagram.size());
+    }
+  }
+}
+
+TEST(UdpServerTest, FloodLeavesTheServerAnsweringWithFlatMemory) {
+  UdpServer server;
+  RawUdp raw;
+  const auto residentKb = [] {
+    std::ifstream status("/proc/self/status");
+    std::string word;
+    int64_t kb = 0;
+    while (status >> word && word != "VmRSS:") {
+    }
+    status >> kb;
+    return kb;
+  };
+  const Bytes note = Request(0, u"A", u"Note", Writer().i32(1).get());
+  raw.SendTo(server.port, note);
+  ASSERT_TRUE(testing::Eventually([&] { return server.servant->notes.load() == 1; }));
+  const auto before = residentKb();
+  for (int i = 0; i < 100000; ++i) raw.SendTo(server.port, i % 1000 == 0 ? Bytes(25, 0x5A) : note);
+  // The queue may still be full: a request sent into it can be dropped,
+  // but one of a few is answered.
+  bool answered = false;
+  for (int attempt = 0; attempt < 50 && !answered; ++attempt) {
+    raw.SendTo(server.port, Request(4, u"A", u"Echo", EchoArguments(u"after")));
+    for (Bytes got; !answered && !(got = raw.Receive(100)).empty();) answered = ParseReply(got).requestId == 4;
+  }
+  EXPECT_TRUE(answered) << "answered after the flood";
+  EXPECT_LT(residentKb() - before, 8 * 1024) << "kilobytes grown";
+  std::printf("flood: %d of 100000 one-way datagrams served, the rest dropped by the full queue\n",
+              server.servant->notes.load());
+}
+
+TEST(UdpClientTest, RequestBytesLateRepliesAndTimeOut) {
+  RawUdp raw;
+  SmartPtr<Communicator> communicator = Initialize();
+  auto proxy = CreateProxy<Prx>(communicator, "A:udp -h 127.0.0.1 -p " + std::to_string(raw.port) + " -t 400");
+  ASSERT_TRUE(proxy);
+  std::u16string out;
+  uint32_t result = 1;
+  std::thread call([&] { result = proxy->Echo(u"ok", out); });
+  uint16_t client = 0;
+  const Bytes request = raw.Receive(2000, &client);
+  ASSERT_GE(request.size(), 24u);
+  const int32_t id = ReadI32(request, 20);
+  EXPECT_NE(0, id);
+  EXPECT_EQ(Request(id, u"A", u"Echo", EchoArguments(u"ok")), request) << "one datagram, no validation";
+  const auto reply = [&](int32_t replyId, const std::u16string& text) {
+    raw.SendTo(client, ReplyMessage(replyId, 0, EchoArguments(text)));
+  };
+  reply(id - 1, u"late");
+  raw.SendTo(client, Bytes(40, 1));
+  reply(id, u"ok!");
+  call.join();
+  EXPECT_EQ(0u, result);
+  EXPECT_EQ(u"ok!", out) << "the late reply and the garbage were dropped";
+
+  // Nothing answers: the proxy's time-out, and the next call still works.
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(Err::ReceiveTimeout, proxy->Echo(u"lost", out));
+  EXPECT_GE(testing::MsSince(start), 390);
+  EXPECT_EQ(Err::ReceiveTimeout, proxy->Echo(u"lost", out)) << "the first lost request arrived late";
+  raw.Receive();
+  raw.Receive();
+  EXPECT_EQ(0u, proxy->Note(3));
+  EXPECT_EQ(Request(0, u"A", u"Note", Writer().i32(3).get()), raw.Receive());
+
+  // Too big for one datagram: refused before anything is sent.
+  EXPECT_EQ(Err::IllegalBufferSize, proxy->Echo(std::u16string(40000, u'x'), out));
+  EXPECT_TRUE(raw.Receive(200).empty());
+}
+
+TEST(UdpClientTest, CallsThroughTheServerAndBroadcastNeedsOneWay) {
+  UdpServer server;
+  SmartPtr<Communicator> communicator = Initialize();
+  auto proxy = CreateProxy<Prx>(communicator, server.Proxy());
+  std::u16string out;
+  EXPECT_EQ(0u, proxy->Echo(std::u16string(30000, u'y'), out));
+  EXPECT_EQ(30000u, out.size());
+  std::string filled;
+  EXPECT_EQ(0u, proxy->Fill(10, filled));
+  EXPECT_EQ(Err::IllegalBufferSize, proxy->Fill(70000, filled));
+  EXPECT_EQ(0u, proxy->ObjectPing());
+
+  auto broadcast = CreateProxy<Prx>(communicator, "A:udp -h #any -p " + std::to_string(server.port) + " -t 500");
+  EXPECT_EQ(Err::BroadcastNeedsOneway, broadcast->Echo(u"x", out));
+  EXPECT_EQ(Err::BroadcastNeedsOneway, broadcast->ObjectPing());
+
+  // Destroy wakes the serving loop that waits for the next datagram.
+  const auto start = std::chrono::steady_clock::now();
+  server.communicator->Destroy();
+  EXPECT_LT(testing::MsSince(start), 2000);
+  EXPECT_EQ(static_cast<uint32_t>(ECONNREFUSED), CreateProxy<Prx>(communicator, server.Proxy(300))->ObjectPing())
+      << "the port is closed";
+}
+
+}  // namespace
+}  // namespace TAVIX
