@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds everything and shows real remote calls between two processes over
-# TCP: `tavix serve` answered by `tavix ping` and `tavix call`, then the
+# TCP and UDP: `tavix serve` answered by `tavix ping` and `tavix call`, then the
 # examples' server answered by the examples' client. Everything started here
 # is stopped on the way out.
 set -euo pipefail
@@ -78,9 +78,11 @@ show() {
 
 port=$(free_port)
 proxy="Echo:tcp -h 127.0.0.1 -p $port -t 3000"
+udp="Echo:udp -h 127.0.0.1 -p $port -t 3000"
 
-step "tavix serve on port $port"
-start_server "$workdir/serve.log" "$build/tools/tavix" serve --endpoint "tcp -h #any -p $port"
+step "tavix serve on TCP and UDP port $port"
+start_server "$workdir/serve.log" "$build/tools/tavix" serve --endpoint "tcp -h #any -p $port" \
+  --endpoint "udp -h #any -p $port"
 
 step "pinging it from another process"
 show "$build/tools/tavix" ping "$proxy" --count 3
@@ -93,6 +95,13 @@ show "$build/tools/tavix" call "$proxy" isa ::Some::Other
 echo "a call to an object the server does not have fails with its code:"
 show "$build/tools/tavix" call "Nobody:tcp -h 127.0.0.1 -p $port -t 3000" echo x || true
 
+step "the same object over UDP: each request and reply is one datagram"
+show "$build/tools/tavix" call "$udp" echo "hello over UDP"
+show "$build/tools/tavix" ping "$udp" --count 2
+echo "a broadcast proxy carries one-way calls only:"
+show "$build/tools/tavix" ping "Echo:udp -h #any -p $port -t 3000" --oneway --count 1
+show "$build/tools/tavix" ping "Echo:udp -h #any -p $port -t 3000" || true
+
 port=$(free_port)
 step "the examples: echo_server on port $port, echo_client against it"
 start_server "$workdir/example.log" "$build/examples/echo_server" "tcp -h #any -p $port"
@@ -100,6 +109,8 @@ show "$build/examples/echo_client" "Echo:tcp -h 127.0.0.1 -p $port -t 3000" "hel
 
 step "stopping the servers (SIGTERM)"
 stop_servers
+echo "what tavix serve printed:"
+sed 's/^/  /' "$workdir/serve.log"
 echo "what the example server printed:"
 sed 's/^/  /' "$workdir/example.log"
 echo "done"

@@ -11,17 +11,20 @@ DatagramStreamBuf::DatagramStreamBuf(const SmartPtr<ITransceiver>& transceiver) 
 
 int32_t DatagramStreamBuf::Receive() {
   const int32_t limit = m_transceiver->MaxMessageSize();
-  if (m_received.size() < static_cast<size_t>(limit)) m_received.resize(static_cast<size_t>(limit));
+  if (m_capacity < limit) {
+    m_received = std::make_unique_for_overwrite<uint8_t[]>(static_cast<size_t>(limit));
+    m_capacity = limit;
+  }
   m_readAt = 0;
   m_receivedSize = 0;
-  const int32_t r = m_transceiver->Recv(m_received.data(), static_cast<int32_t>(m_received.size()));
+  const int32_t r = m_transceiver->Recv(m_received.get(), m_capacity);
   if (r > 0) m_receivedSize = r;
   return r;
 }
 
 int32_t DatagramStreamBuf::sgetn(void* data, int32_t count) {
   if (count < 0 || count > m_receivedSize - m_readAt) TavixThrow(Err::OutOfBounds);
-  std::memcpy(data, m_received.data() + m_readAt, static_cast<size_t>(count));
+  std::memcpy(data, m_received.get() + m_readAt, static_cast<size_t>(count));
   m_readAt += count;
   return count;
 }

@@ -6,6 +6,7 @@
 #define TAVIX_TRANSPORT_DATAGRAM_STREAM_BUF_H_
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "tavix/core/shared.h"
@@ -23,7 +24,7 @@ class DatagramStreamBuf : public EndStreamBuf {
   // Receives one datagram in place of the last one: the transceiver's Recv
   // result. Reading starts at its first byte.
   int32_t Receive();
-  const uint8_t* Received() const { return m_received.data(); }
+  const uint8_t* Received() const { return m_received.get(); }
   int32_t ReceivedSize() const { return m_receivedSize; }
   // Skips `offset` bytes of the received datagram (its header).
   void StartReading(int32_t offset) { m_readAt = offset; }
@@ -46,7 +47,9 @@ class DatagramStreamBuf : public EndStreamBuf {
 
  private:
   SmartPtr<ITransceiver> m_transceiver;
-  std::vector<uint8_t> m_received;
+  // Left uninitialised: a receive fills what is read.
+  std::unique_ptr<uint8_t[]> m_received;
+  int32_t m_capacity = 0;
   int32_t m_receivedSize = 0;
   int32_t m_readAt = 0;
   std::vector<uint8_t> m_gathered;
