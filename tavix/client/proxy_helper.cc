@@ -187,7 +187,7 @@ uint32_t ProxyHelper::OnException(const TavixException& e) {
   // A call that never took a connection (a recording, or a failure before
   // the connection was ready) has nothing to close.
   if (m_connection) m_connection->SetState(Connection::StateClosed);
-  return e.Code();
+  return e.Code() != 0 ? e.Code() : Err::ConnectionClosed;
 }
 
 }  // namespace TAVIX

@@ -63,10 +63,12 @@ int32_t Buffer::WriteToStream(const void* data, int32_t count) {
   return r;
 }
 
+// All `count` bytes or the exception: a message that ends inside a value
+// is as wrong as one that ends before it.
 int32_t Buffer::ReadFromStream(void* data, int32_t count) {
   if (!m_streamBuf) return 0;
   const int32_t r = m_streamBuf->sgetn(data, count);
-  if (r == 0) TavixThrow(Err::OutOfBounds);
+  if (r < count) TavixThrow(Err::OutOfBounds);
   return r;
 }
 
@@ -223,9 +225,7 @@ void BasicStream::read(std::u16string& v) {
   char16_t* scratch = n > 0 ? wideScratch() : nullptr;
   for (int32_t done = 0; done < n;) {
     const int32_t want = std::min(kStringPiece, n - done) * 2;
-    int32_t got = Moved(ReadFromStream(scratch, want));
-    // A unit split by a short delivery is completed before it is kept.
-    if (got % 2 != 0) got += Moved(ReadFromStream(reinterpret_cast<char*>(scratch) + got, 1));
+    const int32_t got = Moved(ReadFromStream(scratch, want));
     v.append(scratch, static_cast<size_t>(got / 2));
     done += got / 2;
   }

@@ -6,10 +6,12 @@ namespace TAVIX {
 
 namespace {
 
+// A failure without a last error (a closed transceiver sets none) is still
+// a failure: it never travels as code 0.
 int32_t CheckedTransfer(int32_t r) {
-  if (r == 0) TavixThrow(Err::ConnectionClosed);
-  if (r == -1 || r == -2 || r == -3) TavixThrow(TavixGetLastError());
-  return r;
+  if (r > 0) return r;
+  const uint32_t error = r == 0 ? 0 : TavixGetLastError();
+  TavixThrow(error != 0 ? error : Err::ConnectionClosed);
 }
 
 }  // namespace
