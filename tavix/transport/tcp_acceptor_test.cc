@@ -49,26 +49,6 @@ TEST(TcpAcceptorTest, AcceptReusesHeldTransceiver) {
   EXPECT_EQ('z', byte);
 }
 
-TEST(TcpAcceptorTest, SecondListenerOnLivePortFailsButClosedPortReopens) {
-  SmartPtr<TcpAcceptor> first = testing::LoopbackAcceptor();
-  const InetAddr address = first->Address();
-  // Leave a connection behind that the server side closed first.
-  SmartPtr<ITransceiver> client;
-  SmartPtr<ITransceiver> served;
-  ASSERT_EQ(0, TcpTransceiver::Connect(address, client));
-  ASSERT_EQ(0, first->Accept(served, 2000));
-  served->Close();
-
-  TcpAcceptor second;
-  second.SetAddress(address);
-  EXPECT_EQ(-1, second.Open());
-  EXPECT_EQ(static_cast<uint32_t>(EADDRINUSE), TavixGetLastError());
-
-  first->Close();
-  EXPECT_EQ(0, second.Open());
-  EXPECT_EQ(address.Port(), second.Address().Port());
-}
-
 // Interrupt must end an Accept that waits without limit, whether the
 // acceptor listens on one address or on every interface.
 TEST(TcpAcceptorTest, InterruptWakesBlockedAccept) {

@@ -82,29 +82,26 @@ TEST(TcpTransceiverTest, ConnectedPairCarriesPeerAndTcpOptions) {
   }
 }
 
-TEST(TcpTransceiverTest, WaitForRecvTimesOutThenSeesData) {
+// A wait times out, then sees data; the peer's orderly close after part of
+// a message counts as readable and ends an exact read with 0.
+TEST(TcpTransceiverTest, WaitsAndReadsUpToThePeersClose) {
   testing::TcpPair pair = ConnectedPair();
   const auto start = Clock::now();
   EXPECT_EQ(-2, pair.server->WaitForRecv(150));
   EXPECT_EQ(Err::ReceiveTimeout, TavixGetLastError());
   EXPECT_GE(MsSince(start), 140);
   EXPECT_FALSE(pair.server->IsWaiting());
+  EXPECT_EQ(1, pair.client->WaitForSend(100));
 
   ASSERT_EQ(3, pair.client->Send("abc", 3));
   EXPECT_EQ(1, pair.server->WaitForRecv(2000));
-  char buffer[8] = {};
+  char buffer[20] = {};
   EXPECT_EQ(3, pair.server->Recv(buffer, sizeof buffer));
   EXPECT_STREQ("abc", buffer);
-  EXPECT_EQ(1, pair.client->WaitForSend(100));
-}
-
-TEST(TcpTransceiverTest, PeerClosingAfterPartialMessageEndsExactRead) {
-  testing::TcpPair pair = ConnectedPair();
   ASSERT_EQ(8, pair.client->Send("12345678", 8));
   pair.client->Close();
   EXPECT_FALSE(pair.client->IsOpen());
-  EXPECT_EQ(1, pair.server->WaitForRecv(2000));  // the orderly close counts as readable
-  char buffer[20] = {};
+  EXPECT_EQ(1, pair.server->WaitForRecv(2000));
   EXPECT_EQ(0, pair.server->Recvn(buffer, 20));
   EXPECT_EQ(0, std::memcmp("12345678", buffer, 8));
   EXPECT_EQ(0, pair.server->Recv(buffer, 20));
@@ -156,31 +153,6 @@ TEST(TcpTransceiverTest, CloseFromAnotherThreadWakesWaiterAndReader) {
   reader.join();
   EXPECT_EQ(0, read.load());
   EXPECT_LT(MsSince(start), 1000);
-}
-
-TEST(TcpTransceiverTest, LargeTransfersArriveIntactBothWays) {
-  testing::TcpPair pair = ConnectedPair();
-  constexpr int32_t kSize = 3 * 1024 * 1024 + 17;
-  std::vector<uint8_t> out(kSize);
-  for (int32_t i = 0; i < kSize; ++i) out[static_cast<size_t>(i)] = static_cast<uint8_t>(i * 7 + i / 251);
-  std::vector<uint8_t> in(kSize);
-  std::vector<uint8_t> back(kSize);
-  std::atomic<int32_t> sent{0};
-  std::thread sender([&] { sent = pair.client->Send(out.data(), kSize); });
-  EXPECT_EQ(kSize, pair.server->Recvn(in.data(), kSize));
-  sender.join();
-  EXPECT_EQ(kSize, sent.load());
-  EXPECT_EQ(out, in);
-
-  std::thread echo([&] { sent = pair.server->Send(in.data(), kSize); });
-  // Single receives hand over whatever has arrived.
-  for (int32_t got = 0; got < kSize;) {
-    const int32_t n = pair.client->Recv(back.data() + got, kSize - got);
-    ASSERT_GT(n, 0);
-    got += n;
-  }
-  echo.join();
-  EXPECT_EQ(out, back);
 }
 
 TEST(TcpTransceiverTest, ConnectReusesTheHeldTransceiverAndKeepsItOnFailure) {
