@@ -139,21 +139,14 @@ TEST_F(ProxyTest, CallsReachTheServantAndStatusesComeBack) {
   EXPECT_EQ(0u, proxy->ObjectIsA(u"::TAVIX::Object", isA));
   EXPECT_TRUE(isA);
   EXPECT_EQ(Err::OperationNotFound, Invoke<MissingOp>(*proxy));
-  // Error statuses leave the connection usable.
-  EXPECT_EQ(0u, proxy->ObjectPing());
-  EXPECT_EQ(48, proxy->GetLastPerfmon().requestSize);
-  EXPECT_EQ(36, proxy->GetLastPerfmon().replySize);
-
+  EXPECT_EQ(0u, proxy->ObjectPing()) << "error statuses leave the connection usable";
   SmartPtr<ProxyObject> stranger = Proxy("Nobody" + server.ProxyString().substr(1));
   EXPECT_EQ(Err::ObjectNotFound, stranger->ObjectIsA(u"::TAVIX::Object", isA));
   EXPECT_TRUE(isA) << "left as it was";
-
   EXPECT_EQ(0u, Invoke<NoteOp>(*proxy, std::u16string(u"one-way")));
-  EXPECT_EQ(0, proxy->GetLastPerfmon().replySize);
   SmartPtr<ITavixBlob> note = CreateTavixMemBlob();
   ASSERT_EQ(0u, Record<NoteOp>(*proxy, note, std::u16string(u"recorded")));
   EXPECT_EQ(0u, proxy->SendBlobWithoutOutParam(note, true));
-  EXPECT_EQ(Err::NullPointer, proxy->SendBlobWithoutOutParam(nullptr, true));
 
   // Threads sharing a proxy take turns on its connection.
   std::vector<std::thread> threads;
@@ -169,8 +162,7 @@ TEST_F(ProxyTest, CallsReachTheServantAndStatusesComeBack) {
   }
   for (std::thread& t : threads) t.join();
   EXPECT_EQ(0, failures.load());
-  // The connection serves in order: the one-way calls were handled first.
-  EXPECT_EQ((std::vector<std::u16string>{u"one-way", u"recorded"}), m_servant->Notes());
+  EXPECT_EQ((std::vector<std::u16string>{u"one-way", u"recorded"}), m_servant->Notes()) << "served in order";
 }
 
 TEST_F(ProxyTest, TimeoutClosesTheConnectionAndAutoReconnectReopensIt) {
@@ -318,6 +310,7 @@ TEST_F(ProxyTest, RecordedRequestsMatchSentOnesAndAreSentAsTheyAre) {
   }
 
   EXPECT_EQ(0u, Invoke<NoteOp>(*proxy, std::u16string(u"hello")));
+  EXPECT_EQ(Err::NullPointer, proxy->SendBlobWithoutOutParam(nullptr, false));
   EXPECT_EQ(Err::ObjectNotFound, proxy->SendBlobWithoutOutParam(echo, false));
   EXPECT_EQ(0u, proxy->ObjectPing()) << "still in step";
   server.Join();

@@ -1,6 +1,6 @@
 // Test helpers shared by the invocation, adapter and tool tests: byte
-// builders for messages, a served adapter on a free port, a raw TCP client
-// and a reader of this process's trace-log lines.
+// builders for messages, loopback sockets, a served adapter on a free port,
+// a raw TCP client and a reader of this process's trace-log lines.
 // Header-only: compiled into the test binaries, never into the library.
 #ifndef TAVIX_INVOKE_WIRE_TEST_UTIL_H_
 #define TAVIX_INVOKE_WIRE_TEST_UTIL_H_
@@ -29,6 +29,7 @@
 #include "tavix/platform/socket.h"
 #include "tavix/runtime/communicator.h"
 #include "tavix/transport/tcp_acceptor.h"
+#include "tavix/transport/tcp_transceiver.h"
 
 namespace TAVIX::test_wire {
 
@@ -120,14 +121,41 @@ inline std::string Hex(const Bytes& bytes) {
   return out;
 }
 
+inline InetAddr Loopback(uint16_t port) {
+  InetAddr address;
+  address.Set("127.0.0.1", port);
+  return address;
+}
+
+// An open acceptor on 127.0.0.1 and a port of the system's choice.
+inline SmartPtr<TcpAcceptor> LoopbackAcceptor() {
+  SmartPtr<TcpAcceptor> acceptor = MakeShared<TcpAcceptor>();
+  acceptor->SetAddress(Loopback(0));
+  return acceptor->Open() == 0 ? acceptor : nullptr;
+}
+
 // A port that was free a moment ago: endpoint strings refuse port 0.
 inline uint16_t FreePort() {
-  TcpAcceptor probe;
-  InetAddr any;
-  any.SetAny(0);
-  probe.SetAddress(any);
-  return probe.Open() == 0 ? probe.Address().Port() : 0;
+  const SmartPtr<TcpAcceptor> probe = LoopbackAcceptor();
+  return probe ? probe->Address().Port() : 0;
 }
+
+struct TcpPair {
+  SmartPtr<TcpTransceiver> client;
+  SmartPtr<TcpTransceiver> server;
+};
+
+// Both ends of a loopback TCP connection.
+inline TcpPair ConnectedPair() {
+  SmartPtr<TcpAcceptor> acceptor = LoopbackAcceptor();
+  SmartPtr<ITransceiver> client;
+  SmartPtr<ITransceiver> server;
+  if (!acceptor || TcpTransceiver::Connect(acceptor->Address(), client) != 0) return {};
+  acceptor->Accept(server, 2000);
+  return {SmartPtr<TcpTransceiver>::DynamicCast(client), SmartPtr<TcpTransceiver>::DynamicCast(server)};
+}
+
+inline uint64_t MsSince(uint64_t start) { return platform::TickCountMs() - start; }
 
 // Adds a TCP passport on every interface: on `port`, or on a free one
 // (retried, since another process may take it first). The port, 0 on failure.

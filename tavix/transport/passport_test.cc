@@ -8,10 +8,12 @@
 #include "tavix/core/host_info.h"
 #include "tavix/core/text.h"
 #include "tavix/transport/tcp_transceiver.h"
-#include "tavix/transport/transport_test_util.h"
+#include "tavix/invoke/wire_test_util.h"
 
 namespace TAVIX {
 namespace {
+
+using namespace test_wire;
 
 std::u16string Printed(const IPassport& passport) {
   std::u16string text;
@@ -190,7 +192,7 @@ TEST(TcpPassportTest, RefusedEndpointsLeaveHoldersAlone) {
 TEST(TcpPassportTest, AcceptorOnOwnAddressServesClientTransceiver) {
   ASSERT_FALSE(GetLocalHostIP().empty());
   const SmartPtr<TcpPassport> passport = Made(u"tcp -h " + GetLocalHostIP().front() + u" -p " +
-                                              WiddenString(std::to_string(testing::FreePort())));
+                                              WiddenString(std::to_string(FreePort())));
   SmartPtr<IAcceptor> acceptor;
   ASSERT_EQ(0, passport->CreateAcceptor(acceptor));
   SmartPtr<ITransceiver> client;

@@ -14,14 +14,12 @@
 #include <vector>
 
 #include "tavix/core/errors.h"
-#include "tavix/transport/transport_test_util.h"
+#include "tavix/invoke/wire_test_util.h"
 
 namespace TAVIX {
 namespace {
 
-using testing::ConnectedPair;
-using testing::MsSince;
-using Clock = std::chrono::steady_clock;
+using namespace test_wire;
 
 int IntOption(int32_t handle, int level, int name) {
   int value = -1;
@@ -50,7 +48,7 @@ TEST(TcpTransceiverTest, ClosedTransceiverAndIllegalLengthsFail) {
   closed.Close();
   EXPECT_EQ(1234u, TavixGetLastError());
 
-  testing::TcpPair pair = ConnectedPair();
+  TcpPair pair = ConnectedPair();
   for (const int32_t length : {0, -1}) {
     const std::function<int32_t()> calls[] = {[&] { return pair.client->Send(buffer, length); },
                                               [&] { return pair.server->Recv(buffer, length); },
@@ -64,7 +62,7 @@ TEST(TcpTransceiverTest, ClosedTransceiverAndIllegalLengthsFail) {
 }
 
 TEST(TcpTransceiverTest, ConnectedPairCarriesPeerAndTcpOptions) {
-  testing::TcpPair pair = ConnectedPair();
+  TcpPair pair = ConnectedPair();
   std::u16string address;
   uint16_t port = 0;
   EXPECT_TRUE(pair.server->GetPeer(address, port));
@@ -85,8 +83,8 @@ TEST(TcpTransceiverTest, ConnectedPairCarriesPeerAndTcpOptions) {
 // A wait times out, then sees data; the peer's orderly close after part of
 // a message counts as readable and ends an exact read with 0.
 TEST(TcpTransceiverTest, WaitsAndReadsUpToThePeersClose) {
-  testing::TcpPair pair = ConnectedPair();
-  const auto start = Clock::now();
+  TcpPair pair = ConnectedPair();
+  const uint64_t start = platform::TickCountMs();
   EXPECT_EQ(-2, pair.server->WaitForRecv(150));
   EXPECT_EQ(Err::ReceiveTimeout, TavixGetLastError());
   EXPECT_GE(MsSince(start), 140);
@@ -108,7 +106,7 @@ TEST(TcpTransceiverTest, WaitsAndReadsUpToThePeersClose) {
 }
 
 TEST(TcpTransceiverTest, SendToVanishedPeerFailsWithoutSignal) {
-  testing::TcpPair pair = ConnectedPair();
+  TcpPair pair = ConnectedPair();
   pair.server->Close();
   std::vector<char> data(64 * 1024, 'x');
   int32_t result = 1;
@@ -126,12 +124,12 @@ TEST(TcpTransceiverTest, SendToVanishedPeerFailsWithoutSignal) {
 // Close from another thread ends a wait without limit (-3) and a blocked
 // exact read (an orderly end), promptly.
 TEST(TcpTransceiverTest, CloseFromAnotherThreadWakesWaiterAndReader) {
-  testing::TcpPair pair = ConnectedPair();
+  TcpPair pair = ConnectedPair();
   std::atomic<int32_t> waited{0};
   std::thread waiter([&] { waited = pair.server->WaitForRecv(0); });
   while (!pair.server->IsWaiting()) std::this_thread::yield();
   std::this_thread::sleep_for(std::chrono::milliseconds(30));
-  auto start = Clock::now();
+  uint64_t start = platform::TickCountMs();
   pair.server->Close();
   waiter.join();
   EXPECT_EQ(-3, waited.load());
@@ -140,7 +138,7 @@ TEST(TcpTransceiverTest, CloseFromAnotherThreadWakesWaiterAndReader) {
   pair.server->Close();  // closing again does nothing
   EXPECT_EQ(-3, pair.server->WaitForRecv(10));
 
-  testing::TcpPair other = ConnectedPair();
+  TcpPair other = ConnectedPair();
   ASSERT_EQ(4, other.client->Send("part", 4));
   std::atomic<int32_t> read{1};
   std::thread reader([&] {
@@ -148,7 +146,7 @@ TEST(TcpTransceiverTest, CloseFromAnotherThreadWakesWaiterAndReader) {
     read = other.server->Recvn(buffer, 20);
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(30));
-  start = Clock::now();
+  start = platform::TickCountMs();
   other.server->Close();
   reader.join();
   EXPECT_EQ(0, read.load());
@@ -156,7 +154,7 @@ TEST(TcpTransceiverTest, CloseFromAnotherThreadWakesWaiterAndReader) {
 }
 
 TEST(TcpTransceiverTest, ConnectReusesTheHeldTransceiverAndKeepsItOnFailure) {
-  SmartPtr<TcpAcceptor> acceptor = testing::LoopbackAcceptor();
+  SmartPtr<TcpAcceptor> acceptor = LoopbackAcceptor();
   SmartPtr<ITransceiver> holder;
   SmartPtr<ITransceiver> first;
   ASSERT_EQ(0, TcpTransceiver::Connect(acceptor->Address(), holder));
@@ -176,7 +174,7 @@ TEST(TcpTransceiverTest, ConnectReusesTheHeldTransceiverAndKeepsItOnFailure) {
 
   const uint16_t port = acceptor->Address().Port();
   acceptor->Close();  // nobody listens there now
-  EXPECT_EQ(-1, TcpTransceiver::Connect(testing::Loopback(port), holder));
+  EXPECT_EQ(-1, TcpTransceiver::Connect(Loopback(port), holder));
   EXPECT_EQ(static_cast<uint32_t>(ECONNREFUSED), TavixGetLastError());
   EXPECT_EQ(object, holder.get());
 }
