@@ -194,6 +194,25 @@ TEST_F(ServerTest, HundredSimultaneousClients) {
   EXPECT_EQ(3 * kClients, answered.load());
 }
 
+TEST_F(ServerTest, DeactivateRefusesNewRequestsAndWaitsForRunningOnes) {
+  RawClient slow;
+  RawClient fast;
+  Connect(slow);
+  Connect(fast);
+  ASSERT_TRUE(slow.Send(Request(1, u"A", u"Sleep")));
+  while (!m_servant->sleeping.load()) platform::SleepMs(1);
+  EXPECT_EQ(1, m_server.adapter->GetInvocationCount());
+  m_server.adapter->Deactivate();
+  EXPECT_EQ(Err::AdapterInactive, Call(fast, Request(2, u"A", u"ObjectPing")).status);
+  const uint64_t start = platform::TickCountMs();
+  m_server.adapter->WaitUntilDeactivate();
+  const uint64_t waited = platform::TickCountMs() - start;
+  EXPECT_EQ(0, m_server.adapter->GetInvocationCount());
+  EXPECT_GE(waited, 100u);
+  EXPECT_LT(waited, 3000u);
+  EXPECT_EQ(0u, ParseReply(slow.ReceiveMessage()).status);
+}
+
 TEST_F(ServerTest, DestroyLetsTheRunningRequestFinishAndReadsNoMore) {
   RawClient client;
   Connect(client);
