@@ -63,8 +63,7 @@ class FakeServer {
   using Script = std::function<void(RawClient&)>;
 
   explicit FakeServer(std::vector<Script> scripts) {
-    InetAddr address;
-    address.Set("127.0.0.1", 0);
+    InetAddr address = Loopback(0);
     uint32_t length = InetAddr::SockAddrLen();
     EXPECT_TRUE(m_listener.Create(platform::SocketType::kStream) && m_listener.Bind(address.SockAddr(), length) &&
                 m_listener.Listen(4) && m_listener.LocalName(address.SockAddr(), length));
@@ -72,8 +71,8 @@ class FakeServer {
     m_thread = std::thread([this, scripts] {
       for (const Script& script : scripts) {
         platform::Socket accepted;
-        uint32_t peerLength = InetAddr::SockAddrLen();
         InetAddr peer;
+        uint32_t peerLength = InetAddr::SockAddrLen();
         if (m_listener.Poll(platform::PollFor::kRead, 5000) != 1 ||
             !m_listener.Accept(accepted, peer.SockAddr(), peerLength)) {
           return;

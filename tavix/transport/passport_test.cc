@@ -189,29 +189,5 @@ TEST(TcpPassportTest, RefusedEndpointsLeaveHoldersAlone) {
   EXPECT_FALSE(client);
 }
 
-TEST(TcpPassportTest, AcceptorOnOwnAddressServesClientTransceiver) {
-  ASSERT_FALSE(GetLocalHostIP().empty());
-  const SmartPtr<TcpPassport> passport = Made(u"tcp -h " + GetLocalHostIP().front() + u" -p " +
-                                              WiddenString(std::to_string(FreePort())));
-  SmartPtr<IAcceptor> acceptor;
-  ASSERT_EQ(0, passport->CreateAcceptor(acceptor));
-  SmartPtr<ITransceiver> client;
-  SmartPtr<ITransceiver> server;
-  ASSERT_EQ(0, passport->CreateClientTransceiver(client));
-  ASSERT_EQ(0, acceptor->Accept(server, 2000));
-  ASSERT_TRUE(server);
-  ASSERT_EQ(4, client->Send("ping", 4));
-  char buffer[4];
-  EXPECT_EQ(4, server->Recvn(buffer, 4));
-
-  // The acceptor it made is reused, closed and reopened on the same port.
-  IAcceptor* object = acceptor.get();
-  server->Close();
-  client->Close();
-  ASSERT_EQ(0, passport->CreateAcceptor(acceptor));
-  EXPECT_EQ(object, acceptor.get());
-  ASSERT_EQ(0, passport->CreateClientTransceiver(client));
-}
-
 }  // namespace
 }  // namespace TAVIX

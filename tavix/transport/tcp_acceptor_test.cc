@@ -48,32 +48,5 @@ TEST(TcpAcceptorTest, AcceptReusesHeldTransceiver) {
   EXPECT_EQ('z', byte);
 }
 
-// Interrupt must end an Accept that waits without limit, whether the
-// acceptor listens on one address or on every interface.
-TEST(TcpAcceptorTest, InterruptWakesBlockedAccept) {
-  for (const bool everywhere : {false, true}) {
-    SmartPtr<TcpAcceptor> acceptor = MakeShared<TcpAcceptor>();
-    InetAddr address = Loopback(0);
-    if (everywhere) address.SetAny(0);
-    acceptor->SetAddress(address);
-    ASSERT_EQ(0, acceptor->Open());
-    EXPECT_EQ(everywhere, acceptor->Address().IsAny());
-
-    std::atomic<int32_t> result{-9};
-    SmartPtr<ITransceiver> holder;
-    std::thread waiter([&] { result = acceptor->Accept(holder, 0); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    const uint64_t start = platform::TickCountMs();
-    EXPECT_EQ(0, acceptor->Interrupt());
-    waiter.join();
-    EXPECT_LT(MsSince(start), 1000);
-    EXPECT_EQ(0, result.load());
-    // The waker hung up at once.
-    ASSERT_TRUE(holder);
-    char byte = 0;
-    EXPECT_EQ(0, holder->Recv(&byte, 1));
-  }
-}
-
 }  // namespace
 }  // namespace TAVIX
