@@ -28,13 +28,6 @@ int IntOption(int32_t handle, int level, int name) {
   return value;
 }
 
-uint16_t LocalPort(const TcpTransceiver& side) {
-  sockaddr_in local{};
-  socklen_t size = sizeof local;
-  EXPECT_EQ(0, ::getsockname(side.GetHandle(), reinterpret_cast<sockaddr*>(&local), &size));
-  return ntohs(local.sin_port);
-}
-
 TEST(TcpTransceiverTest, ClosedTransceiverAndIllegalLengthsFail) {
   TcpTransceiver closed;
   char buffer[8] = {};
@@ -61,14 +54,9 @@ TEST(TcpTransceiverTest, ClosedTransceiverAndIllegalLengthsFail) {
   }
 }
 
-TEST(TcpTransceiverTest, ConnectedPairCarriesPeerAndTcpOptions) {
+// The peer's address is checked through the server's request context.
+TEST(TcpTransceiverTest, ConnectedPairCarriesTcpOptions) {
   TcpPair pair = ConnectedPair();
-  std::u16string address;
-  uint16_t port = 0;
-  EXPECT_TRUE(pair.server->GetPeer(address, port));
-  EXPECT_EQ(u"127.0.0.1", address);
-  EXPECT_EQ(LocalPort(*pair.client), port);
-
   for (const auto& side : {pair.client, pair.server}) {
     const int32_t handle = side->GetHandle();
     EXPECT_EQ(1, IntOption(handle, SOL_SOCKET, SO_KEEPALIVE));
