@@ -1,16 +1,14 @@
 // The object adapter on its own: servants, passports and the ports they
-// open, proxy strings, and the wait for running requests.
+// open, and proxy strings. The wait for running requests is a server test.
 #include "tavix/adapter/object_adapter.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cerrno>
 #include <string>
 #include <vector>
 
 #include "tavix/invoke/object.h"
-#include "tavix/invoke/object_helper.h"
 #include "tavix/invoke/wire_test_util.h"
 
 namespace TAVIX {
@@ -106,48 +104,6 @@ TEST(ObjectAdapter, PassportsConflictOpenAndClose) {
   proxies.clear();
   EXPECT_TRUE(adapter->GetProxyString(std::string("Obj"), proxies));
   EXPECT_TRUE(proxies.empty());
-}
-
-class Sleeper : public Object {
- public:
-  std::atomic<bool> entered{false};
-  void Dispatch(ObjectHelper& request) override {
-    if (request.GetContext().operation != u"Sleep") return Object::Dispatch(request);
-    request.PrepareServant();
-    entered.store(true);
-    platform::SleepMs(300);
-    request.FinishServant(0, 0);
-  }
-};
-
-TEST(ObjectAdapter, DeactivateRefusesNewRequestsAndWaitsForRunningOnes) {
-  auto adapter = MakeShared<ObjectAdapter>();
-  auto sleeper = MakeShared<Sleeper>();
-  ASSERT_TRUE(adapter->AddServant(SmartPtr<Object>(sleeper), std::u16string(u"Z")));
-  adapter->Activate();
-  const uint16_t port = Listen(*adapter);
-  RawClient slow;
-  RawClient fast;
-  ASSERT_TRUE(slow.Connect(port) && fast.Connect(port));
-  slow.Receive(HEADER_SIZE);
-  fast.Receive(HEADER_SIZE);
-
-  ASSERT_TRUE(slow.Send(Request(1, u"Z", u"Sleep")));
-  while (!sleeper->entered.load()) platform::SleepMs(1);
-  EXPECT_EQ(1, adapter->GetInvocationCount());
-  adapter->Deactivate();
-  ASSERT_TRUE(fast.Send(Request(2, u"Z", u"ObjectPing")));
-  EXPECT_EQ(Err::AdapterInactive, ParseReply(fast.ReceiveMessage()).status);
-
-  const uint64_t start = platform::TickCountMs();
-  adapter->WaitUntilDeactivate();
-  const uint64_t waited = platform::TickCountMs() - start;
-  EXPECT_EQ(0, adapter->GetInvocationCount());
-  EXPECT_GE(waited, 150u);
-  EXPECT_LT(waited, 3000u);
-  EXPECT_EQ(0u, ParseReply(slow.ReceiveMessage()).status);
-  adapter->Destroy();
-  adapter->WaitUntilDestroy();
 }
 
 }  // namespace

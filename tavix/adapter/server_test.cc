@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -54,29 +52,6 @@ class Servant : public Object {
       Object::Dispatch(request);
     }
   }
-};
-
-// The reasons the adapter's disconnect notification reported, in order.
-class Disconnects {
- public:
-  static void Callback(void* context, TavixDisconnectReason reason) {
-    auto* self = static_cast<Disconnects*>(context);
-    std::lock_guard lock(self->m_mutex);
-    self->m_reasons.push_back(reason);
-    self->m_changed.notify_all();
-  }
-  // The next reason not yet taken; -1 when none comes.
-  int32_t Next() {
-    std::unique_lock lock(m_mutex);
-    if (!m_changed.wait_for(lock, std::chrono::seconds(5), [&] { return m_reasons.size() > m_taken; })) return -1;
-    return m_reasons[m_taken++];
-  }
-
- private:
-  std::mutex m_mutex;
-  std::condition_variable m_changed;
-  std::vector<TavixDisconnectReason> m_reasons;
-  size_t m_taken = 0;
 };
 
 class ServerTest : public ::testing::Test {
@@ -217,6 +192,25 @@ TEST_F(ServerTest, HundredSimultaneousClients) {
   }
   for (std::thread& t : threads) t.join();
   EXPECT_EQ(3 * kClients, answered.load());
+}
+
+TEST_F(ServerTest, DeactivateRefusesNewRequestsAndWaitsForRunningOnes) {
+  RawClient slow;
+  RawClient fast;
+  Connect(slow);
+  Connect(fast);
+  ASSERT_TRUE(slow.Send(Request(1, u"A", u"Sleep")));
+  while (!m_servant->sleeping.load()) platform::SleepMs(1);
+  EXPECT_EQ(1, m_server.adapter->GetInvocationCount());
+  m_server.adapter->Deactivate();
+  EXPECT_EQ(Err::AdapterInactive, Call(fast, Request(2, u"A", u"ObjectPing")).status);
+  const uint64_t start = platform::TickCountMs();
+  m_server.adapter->WaitUntilDeactivate();
+  const uint64_t waited = platform::TickCountMs() - start;
+  EXPECT_EQ(0, m_server.adapter->GetInvocationCount());
+  EXPECT_GE(waited, 100u);
+  EXPECT_LT(waited, 3000u);
+  EXPECT_EQ(0u, ParseReply(slow.ReceiveMessage()).status);
 }
 
 TEST_F(ServerTest, DestroyLetsTheRunningRequestFinishAndReadsNoMore) {

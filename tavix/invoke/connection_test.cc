@@ -22,7 +22,7 @@ class SendOnlyTransceiver : public ITransceiver {
  public:
   explicit SendOnlyTransceiver(int32_t type = 1) : m_type(type) {}
   Bytes sent;
-  uint32_t sendError = 0;
+  uint32_t sendError = 0;  // every send fails with it when set
 
   int32_t GetHandle() const override { return 0x7FFF0000; }  // never a descriptor of this process
   int32_t Open() override { return 0; }
@@ -50,18 +50,9 @@ class SendOnlyTransceiver : public ITransceiver {
   const int32_t m_type;
 };
 
-TEST(Connection, ValidationAndCloseBytes) {
-  auto tcp = MakeShared<SendOnlyTransceiver>();
-  Connection server;
-  server.SetTransceiver(SmartPtr<ITransceiver>(tcp));
-  EXPECT_EQ(20, server.SendValidation());
-  server.SendCloseMsg();
-  EXPECT_EQ(
-      "58 47 52 51 01 02 01 01 02 00 14 00 00 00 00 00 00 00 12 9A "
-      "58 47 52 51 01 02 01 01 03 00 14 00 00 00 00 00 00 00 43 5F",
-      Hex(tcp->sent));
-
-  // Datagrams are not validated.
+// The validation and close bytes over TCP are checked by the server and
+// proxy tests; datagrams are not validated.
+TEST(Connection, DatagramsAreNotValidated) {
   auto udp = MakeShared<SendOnlyTransceiver>(2);
   Connection datagram;
   datagram.SetTransceiver(SmartPtr<ITransceiver>(udp));

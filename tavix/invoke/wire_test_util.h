@@ -1,15 +1,18 @@
 // Test helpers shared by the invocation, adapter and tool tests: byte
-// builders for messages, a served adapter on a free port, a raw TCP client
-// and a reader of this process's trace-log lines.
+// builders for messages, loopback sockets, a served adapter on a free port,
+// a raw TCP client and a reader of this process's trace-log lines.
 // Header-only: compiled into the test binaries, never into the library.
 #ifndef TAVIX_INVOKE_WIRE_TEST_UTIL_H_
 #define TAVIX_INVOKE_WIRE_TEST_UTIL_H_
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -26,6 +29,7 @@
 #include "tavix/platform/socket.h"
 #include "tavix/runtime/communicator.h"
 #include "tavix/transport/tcp_acceptor.h"
+#include "tavix/transport/tcp_transceiver.h"
 
 namespace TAVIX::test_wire {
 
@@ -117,14 +121,41 @@ inline std::string Hex(const Bytes& bytes) {
   return out;
 }
 
+inline InetAddr Loopback(uint16_t port) {
+  InetAddr address;
+  address.Set("127.0.0.1", port);
+  return address;
+}
+
+// An open acceptor on 127.0.0.1 and a port of the system's choice.
+inline SmartPtr<TcpAcceptor> LoopbackAcceptor() {
+  SmartPtr<TcpAcceptor> acceptor = MakeShared<TcpAcceptor>();
+  acceptor->SetAddress(Loopback(0));
+  return acceptor->Open() == 0 ? acceptor : nullptr;
+}
+
 // A port that was free a moment ago: endpoint strings refuse port 0.
 inline uint16_t FreePort() {
-  TcpAcceptor probe;
-  InetAddr any;
-  any.SetAny(0);
-  probe.SetAddress(any);
-  return probe.Open() == 0 ? probe.Address().Port() : 0;
+  const SmartPtr<TcpAcceptor> probe = LoopbackAcceptor();
+  return probe ? probe->Address().Port() : 0;
 }
+
+struct TcpPair {
+  SmartPtr<TcpTransceiver> client;
+  SmartPtr<TcpTransceiver> server;
+};
+
+// Both ends of a loopback TCP connection.
+inline TcpPair ConnectedPair() {
+  SmartPtr<TcpAcceptor> acceptor = LoopbackAcceptor();
+  SmartPtr<ITransceiver> client;
+  SmartPtr<ITransceiver> server;
+  if (!acceptor || TcpTransceiver::Connect(acceptor->Address(), client) != 0) return {};
+  acceptor->Accept(server, 2000);
+  return {SmartPtr<TcpTransceiver>::DynamicCast(client), SmartPtr<TcpTransceiver>::DynamicCast(server)};
+}
+
+inline uint64_t MsSince(uint64_t start) { return platform::TickCountMs() - start; }
 
 // Adds a TCP passport on every interface: on `port`, or on a free one
 // (retried, since another process may take it first). The port, 0 on failure.
@@ -159,15 +190,15 @@ struct TestServer {
   uint16_t port = 0;
 };
 
-// A plain TCP client on 127.0.0.1 (or an accepted socket) that sends and
+// A plain TCP client, on 127.0.0.1 unless told otherwise (or an accepted socket), that sends and
 // receives raw bytes.
 class RawClient {
  public:
   RawClient() = default;
   explicit RawClient(platform::Socket&& accepted) : m_socket(std::move(accepted)) {}
-  bool Connect(uint16_t port) {
+  bool Connect(uint16_t port, const std::string& host = "127.0.0.1") {
     InetAddr address;
-    address.Set("127.0.0.1", port);
+    address.Set(host.c_str(), port);
     return m_socket.Create(platform::SocketType::kStream) &&
            m_socket.Connect(address.SockAddr(), InetAddr::SockAddrLen());
   }
@@ -213,6 +244,38 @@ class RawClient {
   platform::Socket m_socket;
 };
 
+// Polls `done` until it holds; false when it still does not after `timeoutMs`.
+template <class Predicate>
+bool Eventually(Predicate done, uint32_t timeoutMs = 3000) {
+  for (const uint64_t deadline = platform::TickCountMs() + timeoutMs; !done(); platform::SleepMs(5)) {
+    if (platform::TickCountMs() >= deadline) return false;
+  }
+  return true;
+}
+
+// The reasons an adapter's disconnect notification reported, in order.
+class Disconnects {
+ public:
+  static void Callback(void* context, TavixDisconnectReason reason) {
+    auto* self = static_cast<Disconnects*>(context);
+    std::lock_guard lock(self->m_mutex);
+    self->m_reasons.push_back(reason);
+    self->m_changed.notify_all();
+  }
+  // The next reason not yet taken; -1 when none comes within 5 s.
+  int32_t Next() {
+    std::unique_lock lock(m_mutex);
+    if (!m_changed.wait_for(lock, std::chrono::seconds(5), [&] { return m_reasons.size() > m_taken; })) return -1;
+    return m_reasons[m_taken++];
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  std::vector<TavixDisconnectReason> m_reasons;
+  size_t m_taken = 0;
+};
+
 // This process's lines of the trace log beside the test executable written
 // since construction, each without its "[pid-tid] date time " header.
 class LogLines {
@@ -222,13 +285,14 @@ class LogLines {
   // Whether a new line equals `message`, waiting a little for serving
   // threads to write it.
   bool Has(const std::u16string& message, uint32_t timeoutMs = 3000) const {
-    for (const uint64_t deadline = platform::TickCountMs() + timeoutMs;; platform::SleepMs(10)) {
-      const std::vector<std::u16string> all = Read();
-      // A file emptied meanwhile is all new.
-      const size_t skip = all.size() < m_skip ? 0 : m_skip;
-      if (std::find(all.begin() + static_cast<std::ptrdiff_t>(skip), all.end(), message) != all.end()) return true;
-      if (platform::TickCountMs() >= deadline) return false;
-    }
+    return Eventually(
+        [&] {
+          const std::vector<std::u16string> all = Read();
+          // A file emptied meanwhile is all new.
+          const size_t skip = all.size() < m_skip ? 0 : m_skip;
+          return std::find(all.begin() + static_cast<std::ptrdiff_t>(skip), all.end(), message) != all.end();
+        },
+        timeoutMs);
   }
 
  private:

@@ -109,22 +109,6 @@ TEST(StreamMemBuf, OverflowKeepsWhatNextDidNotTake) {
   EXPECT_EQ(mem.fill(), 1);
 }
 
-TEST(StreamMemBuf, ReadingNeverAsksPastTheMessage) {
-  Bytes stream = Pattern(200000);
-  stream.insert(stream.end(), 5000, 0xEE);  // the next message's bytes
-  SmartPtr<Source> source(new Source(stream, 30000));
-  BasicStream s;
-  AttachMessageBuffer(s, 200000, source);
-  Bytes back(200000);
-  s.readBlob(back.data(), 150000);
-  s.readBlob(back.data() + 150000, 50000);
-  EXPECT_TRUE(std::equal(back.begin(), back.end(), stream.begin()));
-  EXPECT_EQ(source->offset, 200000u);
-  for (const int32_t ask : source->asked) EXPECT_LE(ask, 65536);
-  uint8_t extra = 0;
-  EXPECT_EQ(CodeOf([&] { s.readBlob(&extra, 1); }), Err::OutOfBounds);
-}
-
 TEST(StreamTransceiverBuf, MessagesOverManyBlocksBothWays) {
   SmartPtr<FakeTransceiver> pipe(new FakeTransceiver());
   pipe->sendTake = 50000;  // the transceiver takes part of each block

@@ -1,14 +1,12 @@
-// The communicator: its adapters by name and in name order, the shutdown
-// flag, and the wait for client calls in progress. Closing client
-// connections and listeners at shutdown is covered end to end by the proxy
-// and server tests.
+// The communicator: its adapters by name, the shutdown flag, and the wait
+// for client calls in progress. Closing client connections and listeners
+// at shutdown is covered end to end by the proxy and server tests.
 #include "tavix/runtime/communicator.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "tavix/core/errors.h"
 #include "tavix/platform/clock.h"
@@ -16,62 +14,43 @@
 
 namespace TAVIX {
 
-// The tests' window on the communicator's private side, which proxies use.
+// The tests' window on the calls in progress, which proxies count.
 class CommunicatorProbe {
  public:
   static void BeginCall(Communicator& c) { c.BeginCall(); }
   static void EndCall(Communicator& c) { c.EndCall(); }
-  static std::vector<std::u16string> AdapterNames(Communicator& c) {
-    std::vector<std::u16string> names;
-    ScopedLock guard(c.m_adaptersLock);
-    for (const auto& entry : c.m_adapters) names.push_back(entry.first);
-    return names;
-  }
 };
 
 namespace {
 
 using Probe = CommunicatorProbe;
 
-TEST(Communicator, AdaptersByExactNameInNameOrder) {
+TEST(Communicator, AdaptersByExactNameUntilShutdownIsWaitedFor) {
   SmartPtr<Communicator> first = Initialize(u"same");
   SmartPtr<Communicator> second = Initialize(u"same");
   SmartPtr<ObjectAdapter> b = first->CreateObjectAdapter(std::u16string(u"b"));
   ASSERT_TRUE(b);
-  for (const char16_t* name : {u"c", u"a", u"B", u"\u00e4"}) {
-    ASSERT_TRUE(first->CreateObjectAdapter(std::u16string(name)));
-  }
+  ASSERT_TRUE(first->CreateObjectAdapter(std::u16string(u"B")));
   TavixSetLastError(0);
   EXPECT_FALSE(first->CreateObjectAdapter(std::string("b")));
   EXPECT_EQ(Err::AdapterNameExists, TavixGetLastError());
   EXPECT_EQ(ADAPTER_INACTIVE, b->GetStatus()) << "the existing adapter is untouched";
   EXPECT_TRUE(second->CreateObjectAdapter(std::u16string(u"b"))) << "communicators are independent";
-  EXPECT_EQ((std::vector<std::u16string>{u"B", u"a", u"b", u"c", u"\u00e4"}), Probe::AdapterNames(*first));
 
-  first->Destroy();
+  // Shutdown happens once, refuses new adapters, and keeps the adapters
+  // until it is waited for.
+  b->Activate();
+  first->Shutdown();
   EXPECT_EQ(ADAPTER_DESTROYING, b->GetStatus());
-  EXPECT_EQ(1, b->RefCount()) << "the communicator released its adapters";
-  EXPECT_TRUE(Probe::AdapterNames(*first).empty());
-  EXPECT_EQ(1u, Probe::AdapterNames(*second).size());
-}
-
-TEST(Communicator, ShutdownIsOnceAndStopsNewAdapters) {
-  SmartPtr<Communicator> communicator = Initialize();
-  SmartPtr<ObjectAdapter> adapter = communicator->CreateObjectAdapter(std::string("x"));
-  ASSERT_TRUE(adapter);
-  adapter->Activate();
-  communicator->Shutdown();
-  EXPECT_EQ(ADAPTER_DESTROYING, adapter->GetStatus());
-  adapter->Activate();
-  communicator->Shutdown();
-  EXPECT_EQ(ADAPTER_ACTIVE, adapter->GetStatus()) << "a second Shutdown does nothing";
-
+  b->Activate();
+  first->Shutdown();
+  EXPECT_EQ(ADAPTER_ACTIVE, b->GetStatus()) << "a second Shutdown does nothing";
   TavixSetLastError(0);
-  EXPECT_FALSE(communicator->CreateObjectAdapter(std::string("y")));
+  EXPECT_FALSE(first->CreateObjectAdapter(std::string("c")));
   EXPECT_EQ(Err::CommunicatorClosed, TavixGetLastError());
-  EXPECT_EQ(std::vector<std::u16string>{u"x"}, Probe::AdapterNames(*communicator)) << "kept until waited for";
-  communicator->WaitForShutdown();
-  EXPECT_TRUE(Probe::AdapterNames(*communicator).empty());
+  EXPECT_EQ(2, b->RefCount());
+  first->WaitForShutdown();
+  EXPECT_EQ(1, b->RefCount()) << "the communicator released its adapters";
 }
 
 TEST(Communicator, WaitForShutdownWaitsForCallsInWholeSteps) {

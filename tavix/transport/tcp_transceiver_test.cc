@@ -14,27 +14,18 @@
 #include <vector>
 
 #include "tavix/core/errors.h"
-#include "tavix/transport/transport_test_util.h"
+#include "tavix/invoke/wire_test_util.h"
 
 namespace TAVIX {
 namespace {
 
-using testing::ConnectedPair;
-using testing::MsSince;
-using Clock = std::chrono::steady_clock;
+using namespace test_wire;
 
 int IntOption(int32_t handle, int level, int name) {
   int value = -1;
   socklen_t size = sizeof value;
   EXPECT_EQ(0, ::getsockopt(handle, level, name, &value, &size));
   return value;
-}
-
-uint16_t LocalPort(const TcpTransceiver& side) {
-  sockaddr_in local{};
-  socklen_t size = sizeof local;
-  EXPECT_EQ(0, ::getsockname(side.GetHandle(), reinterpret_cast<sockaddr*>(&local), &size));
-  return ntohs(local.sin_port);
 }
 
 TEST(TcpTransceiverTest, ClosedTransceiverAndIllegalLengthsFail) {
@@ -50,7 +41,7 @@ TEST(TcpTransceiverTest, ClosedTransceiverAndIllegalLengthsFail) {
   closed.Close();
   EXPECT_EQ(1234u, TavixGetLastError());
 
-  testing::TcpPair pair = ConnectedPair();
+  TcpPair pair = ConnectedPair();
   for (const int32_t length : {0, -1}) {
     const std::function<int32_t()> calls[] = {[&] { return pair.client->Send(buffer, length); },
                                               [&] { return pair.server->Recv(buffer, length); },
@@ -63,14 +54,9 @@ TEST(TcpTransceiverTest, ClosedTransceiverAndIllegalLengthsFail) {
   }
 }
 
-TEST(TcpTransceiverTest, ConnectedPairCarriesPeerAndTcpOptions) {
-  testing::TcpPair pair = ConnectedPair();
-  std::u16string address;
-  uint16_t port = 0;
-  EXPECT_TRUE(pair.server->GetPeer(address, port));
-  EXPECT_EQ(u"127.0.0.1", address);
-  EXPECT_EQ(LocalPort(*pair.client), port);
-
+// The peer's address is checked through the server's request context.
+TEST(TcpTransceiverTest, ConnectedPairCarriesTcpOptions) {
+  TcpPair pair = ConnectedPair();
   for (const auto& side : {pair.client, pair.server}) {
     const int32_t handle = side->GetHandle();
     EXPECT_EQ(1, IntOption(handle, SOL_SOCKET, SO_KEEPALIVE));
@@ -82,36 +68,33 @@ TEST(TcpTransceiverTest, ConnectedPairCarriesPeerAndTcpOptions) {
   }
 }
 
-TEST(TcpTransceiverTest, WaitForRecvTimesOutThenSeesData) {
-  testing::TcpPair pair = ConnectedPair();
-  const auto start = Clock::now();
+// A wait times out, then sees data; the peer's orderly close after part of
+// a message counts as readable and ends an exact read with 0.
+TEST(TcpTransceiverTest, WaitsAndReadsUpToThePeersClose) {
+  TcpPair pair = ConnectedPair();
+  const uint64_t start = platform::TickCountMs();
   EXPECT_EQ(-2, pair.server->WaitForRecv(150));
   EXPECT_EQ(Err::ReceiveTimeout, TavixGetLastError());
   EXPECT_GE(MsSince(start), 140);
   EXPECT_FALSE(pair.server->IsWaiting());
+  EXPECT_EQ(1, pair.client->WaitForSend(100));
 
   ASSERT_EQ(3, pair.client->Send("abc", 3));
   EXPECT_EQ(1, pair.server->WaitForRecv(2000));
-  char buffer[8] = {};
+  char buffer[20] = {};
   EXPECT_EQ(3, pair.server->Recv(buffer, sizeof buffer));
   EXPECT_STREQ("abc", buffer);
-  EXPECT_EQ(1, pair.client->WaitForSend(100));
-}
-
-TEST(TcpTransceiverTest, PeerClosingAfterPartialMessageEndsExactRead) {
-  testing::TcpPair pair = ConnectedPair();
   ASSERT_EQ(8, pair.client->Send("12345678", 8));
   pair.client->Close();
   EXPECT_FALSE(pair.client->IsOpen());
-  EXPECT_EQ(1, pair.server->WaitForRecv(2000));  // the orderly close counts as readable
-  char buffer[20] = {};
+  EXPECT_EQ(1, pair.server->WaitForRecv(2000));
   EXPECT_EQ(0, pair.server->Recvn(buffer, 20));
   EXPECT_EQ(0, std::memcmp("12345678", buffer, 8));
   EXPECT_EQ(0, pair.server->Recv(buffer, 20));
 }
 
 TEST(TcpTransceiverTest, SendToVanishedPeerFailsWithoutSignal) {
-  testing::TcpPair pair = ConnectedPair();
+  TcpPair pair = ConnectedPair();
   pair.server->Close();
   std::vector<char> data(64 * 1024, 'x');
   int32_t result = 1;
@@ -129,12 +112,12 @@ TEST(TcpTransceiverTest, SendToVanishedPeerFailsWithoutSignal) {
 // Close from another thread ends a wait without limit (-3) and a blocked
 // exact read (an orderly end), promptly.
 TEST(TcpTransceiverTest, CloseFromAnotherThreadWakesWaiterAndReader) {
-  testing::TcpPair pair = ConnectedPair();
+  TcpPair pair = ConnectedPair();
   std::atomic<int32_t> waited{0};
   std::thread waiter([&] { waited = pair.server->WaitForRecv(0); });
   while (!pair.server->IsWaiting()) std::this_thread::yield();
   std::this_thread::sleep_for(std::chrono::milliseconds(30));
-  auto start = Clock::now();
+  uint64_t start = platform::TickCountMs();
   pair.server->Close();
   waiter.join();
   EXPECT_EQ(-3, waited.load());
@@ -143,7 +126,7 @@ TEST(TcpTransceiverTest, CloseFromAnotherThreadWakesWaiterAndReader) {
   pair.server->Close();  // closing again does nothing
   EXPECT_EQ(-3, pair.server->WaitForRecv(10));
 
-  testing::TcpPair other = ConnectedPair();
+  TcpPair other = ConnectedPair();
   ASSERT_EQ(4, other.client->Send("part", 4));
   std::atomic<int32_t> read{1};
   std::thread reader([&] {
@@ -151,40 +134,15 @@ TEST(TcpTransceiverTest, CloseFromAnotherThreadWakesWaiterAndReader) {
     read = other.server->Recvn(buffer, 20);
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(30));
-  start = Clock::now();
+  start = platform::TickCountMs();
   other.server->Close();
   reader.join();
   EXPECT_EQ(0, read.load());
   EXPECT_LT(MsSince(start), 1000);
 }
 
-TEST(TcpTransceiverTest, LargeTransfersArriveIntactBothWays) {
-  testing::TcpPair pair = ConnectedPair();
-  constexpr int32_t kSize = 3 * 1024 * 1024 + 17;
-  std::vector<uint8_t> out(kSize);
-  for (int32_t i = 0; i < kSize; ++i) out[static_cast<size_t>(i)] = static_cast<uint8_t>(i * 7 + i / 251);
-  std::vector<uint8_t> in(kSize);
-  std::vector<uint8_t> back(kSize);
-  std::atomic<int32_t> sent{0};
-  std::thread sender([&] { sent = pair.client->Send(out.data(), kSize); });
-  EXPECT_EQ(kSize, pair.server->Recvn(in.data(), kSize));
-  sender.join();
-  EXPECT_EQ(kSize, sent.load());
-  EXPECT_EQ(out, in);
-
-  std::thread echo([&] { sent = pair.server->Send(in.data(), kSize); });
-  // Single receives hand over whatever has arrived.
-  for (int32_t got = 0; got < kSize;) {
-    const int32_t n = pair.client->Recv(back.data() + got, kSize - got);
-    ASSERT_GT(n, 0);
-    got += n;
-  }
-  echo.join();
-  EXPECT_EQ(out, back);
-}
-
 TEST(TcpTransceiverTest, ConnectReusesTheHeldTransceiverAndKeepsItOnFailure) {
-  SmartPtr<TcpAcceptor> acceptor = testing::LoopbackAcceptor();
+  SmartPtr<TcpAcceptor> acceptor = LoopbackAcceptor();
   SmartPtr<ITransceiver> holder;
   SmartPtr<ITransceiver> first;
   ASSERT_EQ(0, TcpTransceiver::Connect(acceptor->Address(), holder));
@@ -204,7 +162,7 @@ TEST(TcpTransceiverTest, ConnectReusesTheHeldTransceiverAndKeepsItOnFailure) {
 
   const uint16_t port = acceptor->Address().Port();
   acceptor->Close();  // nobody listens there now
-  EXPECT_EQ(-1, TcpTransceiver::Connect(testing::Loopback(port), holder));
+  EXPECT_EQ(-1, TcpTransceiver::Connect(Loopback(port), holder));
   EXPECT_EQ(static_cast<uint32_t>(ECONNREFUSED), TavixGetLastError());
   EXPECT_EQ(object, holder.get());
 }
