@@ -5,6 +5,8 @@
 #ifndef TAVIX_INVOKE_WIRE_TEST_UTIL_H_
 #define TAVIX_INVOKE_WIRE_TEST_UTIL_H_
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -239,6 +241,41 @@ class RawClient {
     return m_socket.Poll(platform::PollFor::kRead, timeoutMs) == 1 && m_socket.Recv(&byte, 1) <= 0;
   }
   void Close() { m_socket.Close(); }
+
+ private:
+  platform::Socket m_socket;
+};
+
+// A plain datagram socket on 127.0.0.1.
+class RawUdp {
+ public:
+  RawUdp() {
+    InetAddr address = Loopback(0);
+    uint32_t length = InetAddr::SockAddrLen();
+    EXPECT_TRUE(m_socket.Create(platform::SocketType::kDatagram));
+    EXPECT_TRUE(m_socket.Bind(address.SockAddr(), length));
+    EXPECT_TRUE(m_socket.LocalName(address.SockAddr(), length));
+    port = address.Port();
+  }
+  void SendTo(uint16_t to, const Bytes& bytes) {
+    const InetAddr address = Loopback(to);
+    EXPECT_EQ(static_cast<int32_t>(bytes.size()),
+              m_socket.SendTo(bytes.data(), static_cast<int32_t>(bytes.size()), address.SockAddr(),
+                              InetAddr::SockAddrLen()));
+  }
+  // One datagram and its sender's port; empty when none came in time.
+  Bytes Receive(uint32_t timeoutMs = 2000, uint16_t* from = nullptr) {
+    if (m_socket.Poll(platform::PollFor::kRead, timeoutMs) != 1) return {};
+    Bytes bytes(65536);
+    InetAddr sender;
+    uint32_t length = InetAddr::SockAddrLen();
+    const int32_t n = m_socket.RecvFrom(bytes.data(), static_cast<int32_t>(bytes.size()), sender.SockAddr(), length);
+    bytes.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    if (from != nullptr) *from = sender.Port();
+    return bytes;
+  }
+
+  uint16_t port = 0;
 
  private:
   platform::Socket m_socket;

@@ -11,23 +11,15 @@
 
 #include "tavix/core/errors.h"
 #include "tavix/transport/passport.h"
-#include "tavix/transport/transport_test_util.h"
+#include "tavix/invoke/wire_test_util.h"
 
 namespace TAVIX {
 namespace {
 
-using testing::Loopback;
+using namespace test_wire;
 
 // A UDP port of 127.0.0.1 that was free a moment ago.
-uint16_t FreeUdpPort() {
-  platform::Socket probe;
-  InetAddr bound = Loopback(0);
-  uint32_t length = InetAddr::SockAddrLen();
-  EXPECT_TRUE(probe.Create(platform::SocketType::kDatagram));
-  EXPECT_TRUE(probe.Bind(bound.SockAddr(), length));
-  EXPECT_TRUE(probe.LocalName(bound.SockAddr(), length));
-  return bound.Port();
-}
+uint16_t FreeUdpPort() { return RawUdp().port; }
 
 struct UdpPair {
   SmartPtr<UdpTransceiver> server;
@@ -113,7 +105,7 @@ TEST(UdpTransceiverTest, CloseFromAnotherThreadWakesTheWaiter) {
   UdpPair pair = OpenPair();
   int32_t waited = 0;
   std::thread waiter([&] { waited = pair.server->WaitForRecv(0); });
-  ASSERT_TRUE(testing::Eventually([&] { return pair.server->IsWaiting(); }));
+  ASSERT_TRUE(Eventually([&] { return pair.server->IsWaiting(); }));
   pair.server->Close();
   waiter.join();
   EXPECT_EQ(-3, waited);
@@ -143,7 +135,7 @@ TEST(UdpPassportTest, MakesDatagramTransceiversAndNoAcceptor) {
   EXPECT_EQ("hi", ReceiveText(*SmartPtr<UdpTransceiver>::DynamicCast(server)));
 
   // A held TCP transceiver is closed and replaced; a held UDP one reused.
-  testing::TcpPair tcp = testing::ConnectedPair();
+  TcpPair tcp = ConnectedPair();
   SmartPtr<ITransceiver> holder(tcp.client);
   ASSERT_EQ(0, any->CreateClientTransceiver(holder));
   EXPECT_EQ(2, holder->Type());
