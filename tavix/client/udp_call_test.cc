@@ -165,7 +165,9 @@ TEST(UdpServerTest, FloodLeavesTheServerAnsweringWithFlatMemory) {
     for (Bytes got; !answered && !(got = raw.Receive(100)).empty();) answered = ParseReply(got).requestId == 4;
   }
   EXPECT_TRUE(answered) << "answered after the flood";
+#ifndef __SANITIZE_ADDRESS__  // the sanitizer's quarantine keeps freed memory on purpose
   EXPECT_LT(residentKb() - before, 8 * 1024) << "kilobytes grown";
+#endif
   std::printf("flood: %d of 100000 one-way datagrams served, the rest dropped by the full queue\n",
               server.servant->notes.load());
 }
