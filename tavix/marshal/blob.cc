@@ -19,6 +19,9 @@ namespace {
 // Numbers the temporary files of this process; the process and thread ids
 // in the name keep processes and threads apart.
 std::atomic<uint32_t> g_temporaryFileCounter{0};
+// Room of all temporary files of the process, and its limit.
+std::atomic<uint64_t> g_temporaryBytes{0};
+std::atomic<uint64_t> g_temporaryLimit{kDefaultTemporaryBlobLimit};
 
 constexpr int32_t kFailed = -2;
 
@@ -48,6 +51,25 @@ TavixBlob::~TavixBlob() {
     CloseFileBlob();
     if (m_deleteOnClose && !m_fileName.empty()) platform::File::Remove(PathOf(m_fileName));
   }
+  g_temporaryBytes.fetch_sub(m_charged);
+}
+
+void SetTemporaryBlobLimit(uint64_t bytes) { g_temporaryLimit.store(bytes); }
+
+uint64_t TemporaryBlobBytes() { return g_temporaryBytes.load(); }
+
+bool TavixBlob::ChargeTemporaryRoom(uint64_t capacity) {
+  if (!m_deleteOnClose || capacity <= m_charged) return true;
+  const uint64_t more = capacity - m_charged;
+  uint64_t held = g_temporaryBytes.load();
+  do {
+    if (held + more > g_temporaryLimit.load()) {
+      TavixSetLastError(Err::PacketTooLarge);
+      return false;
+    }
+  } while (!g_temporaryBytes.compare_exchange_weak(held, held + more));
+  m_charged = capacity;
+  return true;
 }
 
 int32_t TavixBlob::Write(const void* data, int32_t count, uint64_t offset) {
@@ -102,8 +124,10 @@ void* TavixBlob::Data() { return m_memory.get(); }
 
 BlobType TavixBlob::Type() { return m_type; }
 
+// A temporary file is scratch space: only a file that outlives the blob is
+// worth forcing to disk.
 void TavixBlob::Commit() {
-  if (m_type == FileBlob && m_file.IsOpen()) m_file.SyncData();
+  if (m_type == FileBlob && !m_deleteOnClose && m_file.IsOpen()) m_file.SyncData();
 }
 
 bool TavixBlob::GrowTo(uint64_t capacity) {
@@ -131,6 +155,7 @@ void TavixBlob::CapacityOfMem(uint64_t capacity) {
 
 bool TavixBlob::CapacityOfFile(uint64_t capacity) {
   if (capacity <= m_capacity) return true;
+  if (!ChargeTemporaryRoom(capacity)) return false;
   // The file is extended ahead of the data; a kept file is trimmed back to
   // the content's size when the blob goes.
   if (!m_file.Truncate(capacity)) {
@@ -144,7 +169,7 @@ bool TavixBlob::CapacityOfFile(uint64_t capacity) {
 // An automatic blob leaves memory for good: its content so far goes to the
 // start of a new temporary file that already has the new room.
 bool TavixBlob::MoveToFile(uint64_t capacity) {
-  if (!OpenFileBlob()) return false;
+  if (!ChargeTemporaryRoom(capacity) || !OpenFileBlob()) return false;
   const bool moved = m_file.Truncate(capacity) &&
                      (m_size == 0 || m_file.WriteAt(m_memory.get(), m_size, 0) ==
                                          static_cast<int64_t>(m_size));
@@ -168,9 +193,9 @@ bool TavixBlob::MoveToFile(uint64_t capacity) {
 
 bool TavixBlob::OpenFileBlob() {
   if (m_file.IsOpen()) return true;
-  if (m_fileName.empty()) GetDefaultFileName(m_fileName);
-  if (m_fileName.empty()) return false;
-  if (!m_file.Open(PathOf(m_fileName), platform::File::Mode::kReadWrite)) {
+  if (m_fileName.empty()) {
+    if (!CreateTemporaryFile()) return false;
+  } else if (!m_file.Open(PathOf(m_fileName), platform::File::Mode::kReadWrite)) {
     tavixTrace("CreateFile error: LastError=%d\n", platform::LastError());
     return false;
   }
@@ -217,26 +242,29 @@ int32_t TavixBlob::ReadFromMem(void* data, int32_t count, uint64_t offset) const
 
 std::string TavixBlob::TemporaryFolder() {
   const std::string library = platform::LibraryPath();
-  if (library.empty()) throw std::runtime_error("open trace file failed!");
-  return library.substr(0, library.rfind('/') + 1) + "TavixBuffer/";
+  if (!library.empty()) {
+    const std::string folder = library.substr(0, library.rfind('/') + 1) + "TavixBuffer/";
+    if (platform::File::MakeDirectory(folder) && platform::File::IsWritableDirectory(folder)) return folder;
+  }
+  return platform::File::TemporaryDirectory();
 }
 
-void TavixBlob::GetDefaultFileName(std::u16string& out) {
-  out.clear();
-  const std::string folder = TemporaryFolder();
-  if (!platform::File::MakeDirectory(folder)) {
-    tavixTrace("GetDefaultFileName, CreateDirectory error:%u\n", platform::LastError());
-    return;
-  }
-  const std::u16string wideFolder = WiddenString(folder);
+bool TavixBlob::CreateTemporaryFile() {
+  const std::u16string folder = WiddenString(TemporaryFolder());
   const uint32_t pid = platform::ProcessId();
   const uint32_t tid = platform::ThreadId();
-  std::u16string path;
-  do {
+  for (;;) {
     const uint32_t k = g_temporaryFileCounter.fetch_add(1, std::memory_order_relaxed) + 1;
-    path = wideFolder + FormatString(u"%05d%05d%07d.tmp", pid, tid, k);
-  } while (platform::File::Exists(PathOf(path)));
-  out = path;
+    const std::u16string path = folder + FormatString(u"%05d%05d%07d.tmp", pid, tid, k);
+    if (m_file.Open(PathOf(path), platform::File::Mode::kCreateNew)) {
+      m_fileName = path;
+      return true;
+    }
+    if (platform::LastError() != EEXIST) {
+      tavixTrace("CreateFile error: LastError=%d\n", platform::LastError());
+      return false;
+    }
+  }
 }
 
 SmartPtr<ITavixBlob> CreateTavixBlob() { return SmartPtr<ITavixBlob>(new TavixBlob()); }

@@ -24,6 +24,16 @@ enum BlobType : int32_t {
 inline constexpr uint64_t kBlobFileThreshold = 0x100000;
 // The failure result of the 64-bit operations (-2 as unsigned).
 inline constexpr uint64_t kBlobFailure = static_cast<uint64_t>(-2);
+// The room all temporary blob files of a process may take together unless
+// the application sets another limit.
+inline constexpr uint64_t kDefaultTemporaryBlobLimit = uint64_t{4} << 30;
+
+// Sets the process-wide limit on temporary blob room. A blob that would
+// pass it fails to grow with Err::PacketTooLarge, so one peer cannot fill
+// the disk.
+void SetTemporaryBlobLimit(uint64_t bytes);
+// The room temporary blob files hold right now.
+uint64_t TemporaryBlobBytes();
 
 // Counts are 32-bit, offsets and sizes 64-bit. File failures give -2 and
 // leave the platform error as the thread's last error.
@@ -78,7 +88,8 @@ class TavixBlob : public ITavixBlob {
   uint64_t Capacity() const { return m_capacity; }
 
   // Where temporary blob files go: "TavixBuffer/" beside the library's own
-  // file. Raises std::runtime_error when the library's path is unknown.
+  // file, or the system's temporary directory when that folder cannot be
+  // made or written (a read-only installation).
   static std::string TemporaryFolder();
 
  private:
@@ -96,7 +107,10 @@ class TavixBlob : public ITavixBlob {
   int32_t ReadFromFile(void* data, int32_t count, uint64_t offset);
   int32_t WriteToMem(const void* data, int32_t count, uint64_t offset);
   int32_t ReadFromMem(void* data, int32_t count, uint64_t offset) const;
-  static void GetDefaultFileName(std::u16string& out);
+  // Creates a new file under a fresh temporary name, never an existing one.
+  bool CreateTemporaryFile();
+  // Takes (or, with a smaller capacity, gives back) temporary room.
+  bool ChargeTemporaryRoom(uint64_t capacity);
 
   platform::File m_file;
   std::u16string m_fileName;
@@ -106,6 +120,7 @@ class TavixBlob : public ITavixBlob {
   uint64_t m_capacity = 0;
   BlobType m_type = MemBlob;
   bool m_automatic = false;
+  uint64_t m_charged = 0;  // temporary room taken from the process's limit
 };
 
 SmartPtr<ITavixBlob> CreateTavixBlob();

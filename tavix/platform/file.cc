@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 
 #include "tavix/platform/last_error.h"
 
@@ -30,9 +31,14 @@ File& File::operator=(File&& other) noexcept {
 
 bool File::Open(const std::string& path, Mode mode) {
   Close();
-  const int flags = mode == Mode::kAppendWrite ? (O_WRONLY | O_CREAT | O_APPEND)
-                                               : (O_RDWR | O_CREAT);
-  m_fd = Checked(::open(path.c_str(), flags | O_CLOEXEC, 0644));
+  int flags = O_RDWR | O_CREAT;
+  mode_t permissions = 0644;
+  if (mode == Mode::kAppendWrite) flags = O_WRONLY | O_CREAT | O_APPEND;
+  if (mode == Mode::kCreateNew) {
+    flags = O_RDWR | O_CREAT | O_EXCL;
+    permissions = 0600;
+  }
+  m_fd = Checked(::open(path.c_str(), flags | O_CLOEXEC, permissions));
   return m_fd >= 0;
 }
 
@@ -99,6 +105,15 @@ bool File::MakeDirectory(const std::string& path) {
   if (::mkdir(path.c_str(), 0755) == 0 || errno == EEXIST) return true;
   SaveErrno();
   return false;
+}
+
+bool File::IsWritableDirectory(const std::string& path) { return Checked(::access(path.c_str(), W_OK | X_OK)) == 0; }
+
+std::string File::TemporaryDirectory() {
+  const char* configured = std::getenv("TMPDIR");
+  std::string folder = configured != nullptr && configured[0] != '\0' ? configured : "/tmp";
+  if (folder.back() != '/') folder += '/';
+  return folder;
 }
 
 }  // namespace TAVIX::platform

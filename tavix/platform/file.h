@@ -12,6 +12,8 @@ class File {
   enum class Mode {
     kAppendWrite,  // write only, created when absent, mode 0644
     kReadWrite,    // read and write, created when absent, mode 0644
+    kCreateNew,    // read and write, a new file only this user reads (0600);
+                   // fails with EEXIST when the name is taken
   };
 
   File() = default;
@@ -39,6 +41,10 @@ class File {
   static bool Exists(const std::string& path);
   // True when the directory exists afterwards.
   static bool MakeDirectory(const std::string& path);
+  // True when this process may create files in the directory.
+  static bool IsWritableDirectory(const std::string& path);
+  // $TMPDIR when set, else /tmp; with a trailing '/'.
+  static std::string TemporaryDirectory();
 
  private:
   int m_fd = -1;
