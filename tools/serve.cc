@@ -30,7 +30,7 @@ void ReportFailure(const std::string& what, uint32_t code) {
 int Serve(const ServeOptions& options) {
   SmartPtr<Communicator> communicator = Initialize(u"tavix");
   SmartPtr<ObjectAdapter> adapter = communicator->CreateObjectAdapter(std::string("Serve"));
-  if (!adapter || !adapter->AddServant(MakeShared<EchoServant>(), options.name)) {
+  if (!adapter || !adapter->AddServant(MakeShared<EchoServant>(options.allowFaults), options.name)) {
     ReportFailure("cannot register \"" + options.name + "\"", TavixGetLastError());
     communicator->Destroy();
     return 1;

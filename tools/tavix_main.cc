@@ -8,12 +8,16 @@
 #include "tools/client_commands.h"
 #include "tools/serve.h"
 
+// The tool's file version, shown in its exception reports.
+extern "C" const char tavix_file_version[] = "0, 1, 0, 0";
+
 namespace {
 
 constexpr const char* kUsage =
-    "usage: tavix serve [--endpoint \"<endpoint string>\"]... [--name <object-id>]\n"
-    "  --endpoint  an endpoint to listen on (default \"tcp -h #any -p 5678\"); may repeat\n"
-    "  --name      the Echo object's id (default \"Echo\")\n";
+    "usage: tavix serve [--endpoint \"<endpoint string>\"]... [--name <object-id>] [--allow-faults]\n"
+    "  --endpoint      an endpoint to listen on (default \"tcp -h #any -p 5678\"); may repeat\n"
+    "  --name          the Echo object's id (default \"Echo\")\n"
+    "  --allow-faults  the Echo object also answers \"Fault\" (see tavix call ... fault)\n";
 
 int Usage(const char* complaint) {
   if (complaint != nullptr) std::fprintf(stderr, "tavix: %s\n", complaint);
@@ -59,6 +63,8 @@ int main(int argc, char** argv) {
     } else if (OptionValue(argc, argv, i, "--name", value, missing)) {
       if (missing || value.empty()) return Usage("--name needs a value");
       options.name = value;
+    } else if (std::strcmp(argv[i], "--allow-faults") == 0) {
+      options.allowFaults = true;
     } else {
       return Usage("unknown option");
     }
