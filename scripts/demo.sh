@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds everything and shows real remote calls between two processes over
-# TCP and UDP: `tavix serve` answered by `tavix ping` and `tavix call`, then the
-# examples' server answered by the examples' client. Everything started here
-# is stopped on the way out.
+# TCP and UDP: `tavix serve` answered by `tavix ping` and `tavix call`, a
+# servant fault that the server survives (with the start of its exception
+# report), then the examples' server answered by the examples' client.
+# Everything started here is stopped on the way out.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -15,7 +16,9 @@ cmake --build --preset default -j"$(nproc)" >/dev/null
 build=build/default
 
 started=()
-workdir=$(mktemp -d)
+# No dot in the path: the tool writes its log and report beside itself,
+# named from the text before the last dot of its whole path.
+workdir=$(mktemp -d /tmp/tavix-demo-XXXXXX)
 stop_servers() {
   for pid in "${started[@]}"; do
     kill "$pid" 2>/dev/null || true
@@ -101,6 +104,21 @@ show "$build/tools/tavix" ping "$udp" --count 2
 echo "a broadcast proxy carries one-way calls only:"
 show "$build/tools/tavix" ping "Echo:udp -h #any -p $port -t 3000" --oneway --count 1
 show "$build/tools/tavix" ping "Echo:udp -h #any -p $port -t 3000" || true
+
+port=$(free_port)
+# A copy of the tool of its own, so that its report and log start empty.
+cp "$build/tools/tavix" "$workdir/tavix"
+step "a servant fault: tavix serve --allow-faults on port $port"
+start_server "$workdir/faults.log" "$workdir/tavix" serve --allow-faults --endpoint "tcp -h #any -p $port"
+echo "kind 1 writes through a null pointer in the servant; only that client's connection ends:"
+show "$workdir/tavix" call "Echo:tcp -h 127.0.0.1 -p $port -t 30000" fault 1 || true
+echo "the server goes on answering other clients:"
+show "$workdir/tavix" call "Echo:tcp -h 127.0.0.1 -p $port -t 3000" echo "still here"
+echo "its log (UTF-16) says:"
+iconv -f UTF-16 -t UTF-8 "$workdir/tavix_tavix.log" | grep -a "Win32 SE" | sed 's/^/  /'
+echo "the first 40 lines of its exception report ($workdir/tavix.RPT):"
+iconv -f UTF-16 -t UTF-8 "$workdir/tavix.RPT" | tr -d '\r' | head -n 40 | sed 's/^/  /'
+stop_servers
 
 port=$(free_port)
 step "the examples: echo_server on port $port, echo_client against it"

@@ -18,6 +18,7 @@
 #include "tavix/core/text.h"
 #include "tavix/core/thread.h"
 #include "tavix/core/trace_log.h"
+#include "tavix/diag/exception_report.h"
 #include "tavix/invoke/connection.h"
 #include "tavix/invoke/connection_factory.h"
 #include "tavix/invoke/messages.h"

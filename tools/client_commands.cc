@@ -16,11 +16,13 @@ namespace TAVIX::tools {
 
 const char* const kClientUsage =
     "       tavix ping <proxy-string> [--count N] [--oneway] [--timeout MS]\n"
-    "       tavix call <proxy-string> echo <text> | isa <type-id> [--timeout MS]\n"
+    "       tavix call <proxy-string> echo <text> | isa <type-id> | fault <kind> [--timeout MS]\n"
     "  <proxy-string>  \"object-id:endpoint\" as serve prints it, e.g. \"Echo:tcp -h host -p 5678 -t 0\"\n"
     "  --count         number of pings (default 1)\n"
     "  --oneway        send one-way pings (the time is the sending time)\n"
-    "  --timeout       reply time-out in milliseconds, replacing the proxy string's\n";
+    "  --timeout       reply time-out in milliseconds, replacing the proxy string's\n"
+    "  fault <kind>    makes a server started with --allow-faults fault: 1 null write,\n"
+    "                  2 integer division by zero, 3 stack overflow, 4 abort\n";
 
 namespace {
 
@@ -125,13 +127,19 @@ int Ping(int argc, char** argv) {
 int Call(int argc, char** argv) {
   ClientArgs args;
   if (const char* complaint = ParseArgs(argc, argv, false, args)) return Usage("call", complaint);
-  if (args.words.size() != 2 || (args.words[0] != "echo" && args.words[0] != "isa")) {
-    return Usage("call", "expected: echo <text> or isa <type-id>");
+  const bool fault = args.words.size() == 2 && args.words[0] == "fault";
+  int32_t kind = 0;
+  if (args.words.size() != 2 || (args.words[0] != "echo" && args.words[0] != "isa" && !fault)) {
+    return Usage("call", "expected: echo <text>, isa <type-id> or fault <kind>");
   }
+  if (fault && !ParseCount(args.words[1], 0, kind)) return Usage("call", "fault needs a kind from 1 to 4");
   const std::u16string argument = WiddenString(args.words[1]);
 
   return WithProxy("call", args, [&](EchoPrx& proxy) {
-    if (args.words[0] == "echo") {
+    if (fault) {
+      if (const uint32_t r = proxy.Fault(kind); r != 0) return Failure("call", "Fault failed", r);
+      std::printf("0x00000000\n");
+    } else if (args.words[0] == "echo") {
       std::u16string answer;
       if (const uint32_t r = proxy.Echo(argument, answer); r != 0) return Failure("call", "Echo failed", r);
       std::printf("%s\n", NarrowString(answer).c_str());

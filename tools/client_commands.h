@@ -9,7 +9,7 @@ namespace TAVIX::tools {
 
 // ping <proxy-string> [--count N] [--oneway] [--timeout MS]
 int Ping(int argc, char** argv);
-// call <proxy-string> echo <text> | isa <type-id>   [--timeout MS]
+// call <proxy-string> echo <text> | isa <type-id> | fault <kind>   [--timeout MS]
 int Call(int argc, char** argv);
 
 extern const char* const kClientUsage;

@@ -15,6 +15,9 @@ namespace TAVIX::echo_ops {
 using Echo = Operation<u"Echo", In<std::u16string>, Out<std::u16string>>;
 using EchoBlob = Operation<u"EchoBlob", In<SmartPtr<ITavixBlob>>, Out<SmartPtr<ITavixBlob>>>;
 using Fail = Operation<u"Fail", In<int32_t>>;
+// Served only by `tavix serve --allow-faults`: 1 writes through a null
+// pointer, 2 divides an integer by zero, 3 overflows the stack, 4 aborts.
+using Fault = Operation<u"Fault", In<int32_t>>;
 using Sleep = Operation<u"Sleep", In<int32_t>>;
 // Every object answers "ObjectPing"; sent one-way it only proves delivery.
 using OneWayPing = OneWayOperation<u"ObjectPing">;

@@ -27,6 +27,7 @@ class EchoPrx : public ProxyObject {
   }
   uint32_t Fail(int32_t code) { return Invoke<echo_ops::Fail>(*this, code); }
   uint32_t Sleep(int32_t milliseconds) { return Invoke<echo_ops::Sleep>(*this, milliseconds); }
+  uint32_t Fault(int32_t kind) { return Invoke<echo_ops::Fault>(*this, kind); }
   uint32_t OneWayPing() { return Invoke<echo_ops::OneWayPing>(*this); }
 
   void GetObjectIds(std::vector<std::u16string>& ids) override {

@@ -3,6 +3,7 @@
 #include "tavix/client/typed_call.h"
 #include "tavix/invoke/messages.h"
 #include "tavix/platform/process.h"
+#include "tools/echo_faults.h"
 #include "tools/echo_ops.h"
 
 namespace TAVIX {
@@ -25,8 +26,13 @@ uint32_t EchoServant::Sleep(int32_t milliseconds, const Context& /*ctx*/) {
   return 0;
 }
 
+uint32_t EchoServant::Fault(int32_t kind, const Context& /*ctx*/) { return echo_faults::Cause(kind); }
+
 void EchoServant::Dispatch(ObjectHelper& request) {
   m_requests.fetch_add(1);
+  if (m_allowFaults && ServantTable<EchoServant, Entry<echo_ops::Fault, &EchoServant::Fault>>::TryDispatch(*this, request)) {
+    return;
+  }
   // Sorted by name; "ObjectIsA", "ObjectPing" and unknown names go to the base.
   ServantTable<EchoServant, Entry<echo_ops::Echo, &EchoServant::Echo>,
                Entry<echo_ops::EchoBlob, &EchoServant::EchoBlob>, Entry<echo_ops::Fail, &EchoServant::Fail>,

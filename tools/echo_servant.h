@@ -20,6 +20,10 @@ class EchoServant : public Object {
  public:
   static constexpr std::u16string_view kTypeId = u"::TAVIX::Echo";
 
+  // With `allowFaults` the servant also answers "Fault"; without, that
+  // operation is unknown.
+  explicit EchoServant(bool allowFaults = false) : m_allowFaults(allowFaults) {}
+
   // "Echo": the same wide string back.
   virtual uint32_t Echo(const std::u16string& text, std::u16string& result, const Context& ctx);
   // "EchoBlob": a blob with the same bytes back.
@@ -28,6 +32,9 @@ class EchoServant : public Object {
   virtual uint32_t Fail(int32_t code, const Context& ctx);
   // "Sleep": returns after `milliseconds` (none when negative).
   virtual uint32_t Sleep(int32_t milliseconds, const Context& ctx);
+  // "Fault": faults in the way `kind` names (echo_ops::Fault); any other
+  // kind returns 0x20000404 (illegal size: out of range).
+  virtual uint32_t Fault(int32_t kind, const Context& ctx);
 
   void Dispatch(ObjectHelper& request) override;
   void GetObjectIds(std::vector<std::u16string>& ids) override;
@@ -38,6 +45,7 @@ class EchoServant : public Object {
   int64_t Requests() const { return m_requests.load(); }
 
  private:
+  bool m_allowFaults;
   std::atomic<int64_t> m_requests{0};
 };
 

@@ -30,7 +30,7 @@ void ReportFailure(const std::string& what, uint32_t code) {
 int Serve(const ServeOptions& options) {
   SmartPtr<Communicator> communicator = Initialize(u"tavix");
   SmartPtr<ObjectAdapter> adapter = communicator->CreateObjectAdapter(std::string("Serve"));
-  const SmartPtr<EchoServant> echo = MakeShared<EchoServant>();
+  const SmartPtr<EchoServant> echo = MakeShared<EchoServant>(options.allowFaults);
   if (!adapter || !adapter->AddServant(echo, options.name)) {
     ReportFailure("cannot register \"" + options.name + "\"", TavixGetLastError());
     communicator->Destroy();

@@ -11,6 +11,7 @@ namespace TAVIX::tools {
 struct ServeOptions {
   std::vector<std::string> endpoints;  // default: one on every interface, port 5678
   std::string name = "Echo";
+  bool allowFaults = false;  // the Echo object also answers "Fault"
 };
 
 // Exit status: 0 after an orderly shutdown, 1 when an endpoint could not be

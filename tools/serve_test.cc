@@ -1,6 +1,6 @@
 // `tavix serve` as a process: the proxy strings it prints, that it answers,
-// that it ends cleanly on SIGTERM and SIGINT, and how it reports a bad
-// endpoint or command line.
+// that it ends cleanly on SIGTERM and SIGINT, how it reports a bad
+// endpoint or command line, and how it survives faults of its servant.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -8,10 +8,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "tavix/core/host_info.h"
+#include "tavix/diag/report_test_util.h"
 #include "tavix/invoke/wire_test_util.h"
 #include "tools/echo_proxy.h"
 
@@ -24,8 +26,8 @@ using namespace test_wire;
 // together. The shell prints its pid, then becomes the tool.
 class ToolProcess {
  public:
-  explicit ToolProcess(const std::string& args)
-      : m_pipe(popen(("echo $$; exec " TAVIX_TOOL_PATH " " + args + " 2>&1").c_str(), "r")),
+  explicit ToolProcess(const std::string& args, const std::string& tool = TAVIX_TOOL_PATH)
+      : m_pipe(popen(("echo $$; exec " + tool + " " + args + " 2>&1").c_str(), "r")),
         m_pid(std::atoi(Line().c_str())) {}
   ~ToolProcess() {
     if (m_pipe == nullptr) return;
@@ -120,6 +122,61 @@ TEST(TavixServe, BadEndpointsAndCommandLines) {
 
   EXPECT_EQ(2, ToolProcess("frobnicate").Wait());
   EXPECT_EQ(2, ToolProcess("serve --endpoint").Wait());
+}
+
+struct FaultCase {
+  int32_t kind;
+  std::vector<std::string> expected;  // in report order
+};
+
+TEST(TavixServe, ServantFaultEndsOnlyItsConnectionAndLeavesAReport) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "needs the library's own fault handlers, which the sanitizers replace";
+#endif
+  // A copy of the tool of its own, so that its report and log are this
+  // test's alone.
+  const std::filesystem::path dir =
+      std::filesystem::temp_directory_path() / ("tavix_faults_" + std::to_string(getpid()));
+  std::filesystem::create_directories(dir);
+  std::filesystem::copy_file(TAVIX_TOOL_PATH, dir / "tavix", std::filesystem::copy_options::overwrite_existing);
+  const uint16_t port = FreePort();
+  ToolProcess tool("serve --allow-faults " + Endpoint(port), (dir / "tavix").string());
+  ASSERT_FALSE(tool.Line().empty());
+
+  const std::string object = "Echo:tcp -h 127.0.0.1 -p " + std::to_string(port) + " -t 30000";
+  const std::vector<FaultCase> cases{
+      {1, {"C0000005 ACCESS_VIOLATION", "WriteThroughNull(int)+", "Local 'written' int32_t = 7\r\n"}},
+      {2, {"C0000094 INT_DIVIDE_BY_ZERO", "DivideByZero(int)+", "Parameter 'dividend' int32_t = 2\r\n"}},
+      {3, {"C00000FD STACK_OVERFLOW", "Recurse(int)+", "Parameter 'depth' int32_t = "}},
+  };
+  for (const FaultCase& fault : cases) {
+    EXPECT_EQ(Err::ConnectionClosed, CreateProxy<EchoPrx>(Initialize(), object)->Fault(fault.kind));
+    ExpectEcho(port, "Echo");
+  }
+  tool.Signal(SIGTERM);
+  EXPECT_EQ(0, tool.Wait());
+
+  const std::string log = test_report::Text((dir / "tavix_tavix.log").string());
+  const std::string line = "ERROR: Win32 SE catched.\r\n";
+  int32_t caught = 0;
+  for (size_t at = log.find(line); at != std::string::npos; at = log.find(line, at + 1)) ++caught;
+  EXPECT_EQ(3, caught) << log;
+  const std::string report = test_report::Text((dir / "tavix.RPT").string());
+  size_t start = 0;
+  for (const FaultCase& fault : cases) {
+    const size_t end = report.find("Exception report created by", start + 1);
+    const std::string one = report.substr(start, end - start);
+    std::string missing;
+    EXPECT_TRUE(test_report::InOrder(
+        one, {"Exception report created by tavix 0. 1. 0. 0 [", "System details:\r\n", "Linux", "Vendor: ",
+              "Memory Used ", "Exception code: " + fault.expected[0] + "\r\n", "Fault address:  ", "/tavix\r\n",
+              "RAX:", "RIP:", "Call stack:", fault.expected[1], "echo_faults.cc line ",
+              "Local Variables And Parameters:", fault.expected[1], fault.expected[2]},
+        &missing))
+        << "kind " << fault.kind << " lacks " << missing << " in\n" << one;
+    start = end;
+  }
+  std::filesystem::remove_all(dir);
 }
 
 }  // namespace

@@ -8,12 +8,16 @@
 #include "tools/client_commands.h"
 #include "tools/serve.h"
 
+// The tool's file version, shown in its exception reports.
+extern "C" const char tavix_file_version[] = "0, 1, 0, 0";
+
 namespace {
 
 constexpr const char* kUsage =
-    "usage: tavix serve [--endpoint \"<endpoint string>\"]... [--name <object-id>]\n"
-    "  --endpoint  an endpoint to listen on (default \"tcp -h #any -p 5678\"), TCP or UDP; may repeat\n"
-    "  --name      the Echo object's id (default \"Echo\")\n"
+    "usage: tavix serve [--endpoint \"<endpoint string>\"]... [--name <object-id>] [--allow-faults]\n"
+    "  --endpoint      an endpoint to listen on (default \"tcp -h #any -p 5678\"), TCP or UDP; may repeat\n"
+    "  --name          the Echo object's id (default \"Echo\")\n"
+    "  --allow-faults  the Echo object also answers \"Fault\" (see tavix call ... fault)\n"
     "  Prints the proxy strings, serves until SIGINT or SIGTERM, then prints\n"
     "  \"requests: N\", the requests the Echo object received.\n";
 
@@ -61,6 +65,8 @@ int main(int argc, char** argv) {
     } else if (OptionValue(argc, argv, i, "--name", value, missing)) {
       if (missing || value.empty()) return Usage("--name needs a value");
       options.name = value;
+    } else if (std::strcmp(argv[i], "--allow-faults") == 0) {
+      options.allowFaults = true;
     } else {
       return Usage("unknown option");
     }

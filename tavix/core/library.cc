@@ -1,7 +1,8 @@
 // Process-wide start-up and clean-up, run by the shared library's load and
 // unload hooks: the log writer first, then the rest; the reverse at unload.
-// Linux needs no sockets start-up, and the library leaves the application's
-// signal dispositions alone.
+// Linux needs no sockets start-up. The hooks carry priority 200: the
+// exception report's hooks (diag/, priority 201) run after this load hook
+// and before this unload hook, so that the log writer is there throughout.
 #include "tavix/core/library.h"
 
 #include "tavix/core/trace_log.h"
@@ -9,13 +10,13 @@
 namespace TAVIX {
 namespace {
 
-[[gnu::constructor]] void OnLibraryLoad() {
+[[gnu::constructor(200)]] void OnLibraryLoad() {
   TraceLog::CreateGlobal();
   tavixTrace("DLL_PROCESS_ATTACH\n");
   TavixInit();
 }
 
-[[gnu::destructor]] void OnLibraryUnload() {
+[[gnu::destructor(200)]] void OnLibraryUnload() {
   tavixTrace("DLL_PROCESS_DETACH\n");
   TavixUninit();
   TraceLog::DestroyGlobal();

@@ -1,6 +1,7 @@
 #include "tavix/core/thread.h"
 
 #include "tavix/core/trace_log.h"
+#include "tavix/platform/fault_signals.h"
 #include "tavix/platform/native_thread.h"
 #include "tavix/platform/process.h"
 
@@ -34,6 +35,8 @@ bool Thread::Start(uint32_t /*flags*/, uint32_t stackSize, void* /*security*/) {
 }
 
 void Thread::Procedure(void* raw) {
+  // Room to report a fault even when this thread's stack has overflowed.
+  const platform::AltSignalStack signalStack;
   auto* self = static_cast<Thread*>(raw);
   self->m_runningId.store(platform::ThreadId());
   self->m_startPending.fetch_sub(1);

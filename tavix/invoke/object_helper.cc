@@ -5,6 +5,7 @@
 
 #include "tavix/core/errors.h"
 #include "tavix/core/text.h"
+#include "tavix/diag/exception_report.h"
 #include "tavix/invoke/connection.h"
 #include "tavix/invoke/object.h"
 #include "tavix/invoke/object_host.h"
@@ -69,7 +70,12 @@ void ObjectHelper::Dispatch() {
     FinishServant(TavixGetLastError(), 0);
     return;
   }
-  servant->Dispatch(*this);
+  // A fault of the servant's code is reported and comes back here, where
+  // it leaves as a Win32SE for the run loop. Only the servant's frames are
+  // abandoned; this frame's guard and every frame below unwind as usual.
+  auto call = [this, &servant] { servant->Dispatch(*this); };
+  const FaultRecord* fault = nullptr;
+  if (!ExceptionReport::RunRecoverable(call, fault)) throw Win32SE(fault);
 }
 
 void ObjectHelper::DrainBody() {

@@ -1,0 +1,181 @@
+// The report file's rules, the exception codes, and faults that end a
+// process: each such case runs in a forked child, whose end is checked.
+#include "tavix/diag/exception_report.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <stdexcept>
+#include <thread>
+
+#include "tavix/diag/exception_codes.h"
+#include "tavix/diag/report_test_util.h"
+
+// This program's file version, as a program names it for its reports.
+extern "C" const char tavix_file_version[] = "1, 0, 0, 2";
+
+namespace TAVIX {
+namespace {
+
+using test_report::Bytes;
+using test_report::InOrder;
+using test_report::Text;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// The sanitizers own the fault signals: a real fault is theirs to report.
+constexpr bool kRealFaults = false;
+#else
+constexpr bool kRealFaults = true;
+#endif
+
+class ReportFileTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_dir = std::filesystem::temp_directory_path() /
+            ("tavix_diag_" + std::to_string(getpid()) + "_" +
+             ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    std::filesystem::create_directories(m_dir);
+    m_path = (m_dir / "app.RPT").string();
+  }
+  void TearDown() override { std::filesystem::remove_all(m_dir); }
+
+  // Runs `body` in a child process with no core dumps; returns the signal
+  // that ended the child, 0 when it exited.
+  int SignalOfChild(const std::function<void()>& body) {
+    const pid_t child = fork();
+    if (child == 0) {
+      const rlimit noCore{0, 0};
+      setrlimit(RLIMIT_CORE, &noCore);
+      ExceptionReport::SetPath(m_path);
+      body();
+      _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+  }
+
+  std::filesystem::path m_dir;
+  std::string m_path;
+};
+
+TEST_F(ReportFileTest, NewFileGetsOneMarkAndReportsFollowEachOther) {
+  { std::ofstream empty(m_path); }
+  ExceptionReport::WriteCurrent(m_path, false);
+  const std::string first = Bytes(m_path);
+  ExceptionReport::WriteCurrent(m_path, false);
+  const std::string both = Bytes(m_path);
+
+  ASSERT_EQ("\xFF\xFE", first.substr(0, 2));
+  EXPECT_EQ(first, both.substr(0, first.size()));
+  EXPECT_EQ(std::string::npos, both.find("\xFF\xFE", 2));
+  const std::string text = Text(m_path);
+  EXPECT_EQ(0u, text.find("Exception report created by tavix_diag_test 1. 0. 0. 2 ["));
+  EXPECT_NE(std::string::npos, text.find("Exception report created by", 10));
+  EXPECT_TRUE(InOrder(text, {"System details:\r\n", "Vendor: ", "Number Of Processors: ", "Memory Used ",
+                             "Exception code: E0000000 \r\n", "Fault address:  ", "Registers:\r\n", "RIP:",
+                             "Call stack:\r\n", "WriteCurrent"}));
+  EXPECT_EQ(std::string::npos, text.find("Local Variables And Parameters"));
+}
+
+TEST_F(ReportFileTest, FileAbove16MiBIsReplaced) {
+  std::filesystem::resize_file((std::ofstream(m_path), m_path), 0x1000001);
+  ExceptionReport::WriteCurrent(m_path, false);
+  const std::string bytes = Bytes(m_path);
+  EXPECT_LT(bytes.size(), 0x100000u);
+  EXPECT_EQ(0u, Text(m_path).find("Exception report created by"));
+}
+
+TEST_F(ReportFileTest, PathReplacesALongEnoughExtensionOtherwiseAppends) {
+  EXPECT_EQ("/srv/server.RPT", ExceptionReport::PathFor("/srv/server.exe"));
+  EXPECT_EQ("/srv/my.RPT", ExceptionReport::PathFor("/srv/my.app/server"));
+  EXPECT_EQ("/srv/server.ab.RPT", ExceptionReport::PathFor("/srv/server.ab"));
+  EXPECT_EQ("/srv/server.RPT", ExceptionReport::PathFor("/srv/server"));
+}
+
+TEST(ExceptionCodes, SignalsMapToTheNamedCodes) {
+  EXPECT_EQ(0xC0000005u, ExceptionCodeOf(SIGSEGV, SEGV_MAPERR, 0, 0x7FFF0000));
+  EXPECT_EQ(0xC00000FDu, ExceptionCodeOf(SIGSEGV, SEGV_ACCERR, 0x7FFEFFF8, 0x7FFF0000));
+  EXPECT_EQ(0xC0000094u, ExceptionCodeOf(SIGFPE, FPE_INTDIV, 0, 0));
+  EXPECT_EQ(0xC000008Eu, ExceptionCodeOf(SIGFPE, FPE_FLTDIV, 0, 0));
+  EXPECT_EQ(0xC0000096u, ExceptionCodeOf(SIGILL, ILL_PRVOPC, 0, 0));
+  EXPECT_EQ(0x80000002u, ExceptionCodeOf(SIGBUS, BUS_ADRALN, 0, 0));
+  EXPECT_EQ(0x80000004u, ExceptionCodeOf(SIGTRAP, TRAP_TRACE, 0, 0));
+  EXPECT_EQ("ACCESS_VIOLATION", ExceptionName(0xC0000005));
+  EXPECT_EQ("STACK_OVERFLOW", ExceptionName(0xC00000FD));
+  EXPECT_EQ(0xE0000006u, ExceptionCodeOf(SIGABRT, SI_TKILL, 0, 0));
+  EXPECT_EQ("Aborted", ExceptionName(0xE0000006));
+}
+
+[[gnu::noinline]] void WriteThroughNull() {
+  volatile int* volatile target = nullptr;
+  *target = 1;
+}
+
+TEST_F(ReportFileTest, FaultOfAPlainThreadIsReportedAndEndsTheProcessByItsSignal) {
+  if (!kRealFaults) GTEST_SKIP() << "needs the library's own fault handlers";
+  EXPECT_EQ(SIGSEGV, SignalOfChild([] { std::thread(WriteThroughNull).join(); }));
+  const std::string text = Text(m_path);
+  EXPECT_TRUE(InOrder(text, {"Exception report created by", "Exception code: C0000005 ACCESS_VIOLATION\r\n",
+                             "Fault address:  ", "Call stack:", "WriteThroughNull", "Local Variables"}))
+      << text;
+  EXPECT_EQ(SIGABRT, SignalOfChild([] { std::abort(); }));
+  EXPECT_NE(std::string::npos, Text(m_path).find("Exception code: E0000006 Aborted\r\n"));
+}
+
+TEST_F(ReportFileTest, UnwritablePathGivesNoReportAndStillEndsTheProcess) {
+  if (!kRealFaults) GTEST_SKIP() << "needs the library's own fault handlers";
+  m_path = (m_dir / "missing" / "app.RPT").string();
+  EXPECT_EQ(SIGFPE, SignalOfChild([] { raise(SIGFPE); }));
+  EXPECT_FALSE(std::filesystem::exists(m_path));
+}
+
+TEST_F(ReportFileTest, RecoveryPointTakesBackOnlyInstructionFaultsOfItsBody) {
+  if (!kRealFaults) GTEST_SKIP() << "needs the library's own fault handlers";
+  const std::string usual = ExceptionReport::GetPath();
+  ExceptionReport::SetPath(m_path);
+  auto divide = [] {
+    volatile int32_t zero = 0;
+    volatile int32_t one = 1;  // both unknown, or the compiler finds a way around dividing
+    volatile int32_t quotient = one / zero;
+    (void)quotient;
+  };
+  const FaultRecord* fault = nullptr;
+  EXPECT_FALSE(ExceptionReport::RunRecoverable(divide, fault));
+  ExceptionReport::SetPath(usual);
+  ASSERT_NE(nullptr, fault);
+  EXPECT_EQ(SIGFPE, fault->signal);
+  EXPECT_EQ(FPE_INTDIV, fault->code);
+  EXPECT_NE(std::string::npos, Text(m_path).find("Exception code: C0000094 INT_DIVIDE_BY_ZERO\r\n"));
+
+  // An exception of the body passes through, and takes the point with it:
+  // a later fault is fatal, not a jump into a frame that has gone.
+  auto fail = [] { throw std::runtime_error("servant"); };
+  EXPECT_EQ(SIGSEGV, SignalOfChild([&fail] {
+              const FaultRecord* ignored = nullptr;
+              try {
+                ExceptionReport::RunRecoverable(fail, ignored);
+              } catch (const std::runtime_error&) {
+              }
+              WriteThroughNull();
+            }));
+  // abort() and a signal sent by someone are never taken back.
+  for (const int signal : {SIGABRT, SIGSEGV}) {
+    EXPECT_EQ(signal, SignalOfChild([signal] {
+                auto send = [signal] { signal == SIGABRT ? std::abort() : static_cast<void>(raise(signal)); };
+                const FaultRecord* ignored = nullptr;
+                ExceptionReport::RunRecoverable(send, ignored);
+              }));
+  }
+}
+
+}  // namespace
+}  // namespace TAVIX
