@@ -120,7 +120,7 @@ bool ObjectAdapter::RemovePassport(const SmartPtr<IPassport>& passport) {
     factory = it->second;
   }
   factory->Destroy();
-  factory->WaitUntilDestroy();
+  factory->WaitUntilDestroy(platform::kNoDeadline);
   ScopedLock guard(m_passportLock);
   m_passports.erase(passport);
   return true;
@@ -159,11 +159,11 @@ void ObjectAdapter::WaitUntilDeactivate() {
   }
 }
 
-void ObjectAdapter::WaitUntilDestroy() {
+void ObjectAdapter::WaitUntilDestroy(uint64_t deadlineTick) {
   std::map<SmartPtr<IPassport>, SmartPtr<IConnectionFactory>> released;
   {
     ScopedLock guard(m_passportLock);
-    for (const auto& [passport, factory] : m_passports) factory->WaitUntilDestroy();
+    for (const auto& [passport, factory] : m_passports) factory->WaitUntilDestroy(deadlineTick);
     released.swap(m_passports);
   }
   // The factories (and with them their hold on this adapter) go here.
@@ -222,5 +222,22 @@ void ObjectAdapter::DecrementInvocations() {
   while (current >= 1 && !m_invocations.compare_exchange_weak(current, current - 1)) {
   }
 }
+
+void ObjectAdapter::SetLimits(const ConnectionLimits& limits) {
+  m_maxConnections.store(limits.maxConnections);
+  m_bodyTimeoutMs.store(limits.bodyTimeoutMs);
+}
+
+ConnectionLimits ObjectAdapter::GetLimits() { return {m_maxConnections.load(), m_bodyTimeoutMs.load()}; }
+
+bool ObjectAdapter::AdmitConnection() {
+  int32_t live = m_connections.load();
+  do {
+    if (live >= m_maxConnections.load()) return false;
+  } while (!m_connections.compare_exchange_weak(live, live + 1));
+  return true;
+}
+
+void ObjectAdapter::ReleaseConnection() { m_connections.fetch_sub(1); }
 
 }  // namespace TAVIX

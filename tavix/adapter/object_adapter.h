@@ -16,6 +16,7 @@
 #include "tavix/core/shared.h"
 #include "tavix/invoke/object.h"
 #include "tavix/invoke/object_host.h"
+#include "tavix/platform/clock.h"
 #include "tavix/transport/passport.h"
 
 namespace TAVIX {
@@ -76,8 +77,10 @@ class ObjectAdapter : public IObjectHost {
   // Waits (at most about 61 s) until no request is being dispatched.
   void WaitUntilDeactivate();
   // Waits for every connection and accept thread to end and empties the
-  // passport table, which breaks the factories' hold on the adapter.
-  void WaitUntilDestroy();
+  // passport table, which breaks the factories' hold on the adapter. A
+  // request still running at the deadline (a monotonic tick count) is
+  // abandoned.
+  void WaitUntilDestroy(uint64_t deadlineTick = platform::kNoDeadline);
 
   ObjectAdapterStatus GetStatus() override;
 
@@ -104,6 +107,14 @@ class ObjectAdapter : public IObjectHost {
   // Passes an ended connection's reason to the registered callback.
   void DisconnectNotify(TavixDisconnectReason reason) override;
 
+  // Limits for connections accepted from now on.
+  void SetLimits(const ConnectionLimits& limits);
+  ConnectionLimits GetLimits() override;
+  bool AdmitConnection() override;
+  void ReleaseConnection() override;
+  // Server connections being served right now.
+  int32_t GetConnectionCount() const { return m_connections.load(); }
+
  protected:
   void SetStatus(ObjectAdapterStatus status);
 
@@ -115,6 +126,9 @@ class ObjectAdapter : public IObjectHost {
   std::map<SmartPtr<IPassport>, SmartPtr<IConnectionFactory>> m_passports;
   RecLock m_passportLock;
   std::atomic<int32_t> m_invocations{0};
+  std::atomic<int32_t> m_connections{0};
+  std::atomic<int32_t> m_maxConnections{ConnectionLimits{}.maxConnections};
+  std::atomic<uint32_t> m_bodyTimeoutMs{ConnectionLimits{}.bodyTimeoutMs};
   DisconnectCallback m_callback = nullptr;
   void* m_callbackContext = nullptr;
   // Keeps the callback and its context a consistent pair.

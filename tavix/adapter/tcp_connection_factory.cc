@@ -2,12 +2,14 @@
 
 #include <utility>
 
+#include "tavix/core/errors.h"
 #include "tavix/core/trace_log.h"
 #include "tavix/invoke/connection.h"
 #include "tavix/platform/process.h"
+#include "tavix/platform/socket.h"
 #include "tavix/transport/acceptor.h"
 #include "tavix/transport/passport.h"
-#include "tavix/transport/transceiver.h"
+#include "tavix/transport/tcp_transceiver.h"
 
 namespace TAVIX {
 
@@ -53,11 +55,12 @@ bool TcpConnectionFactory::ConnectionClosed(const SmartPtr<Connection>& connecti
     ScopedLock guard(m_closedLock);
     m_closedConnections.push_back(connection);
   }
+  m_adapter->ReleaseConnection();
   m_adapter->DisconnectNotify(reason);
   return true;
 }
 
-void TcpConnectionFactory::WaitUntilDestroy() {
+void TcpConnectionFactory::WaitUntilDestroy(uint64_t deadlineTick) {
   const SmartPtr<IAcceptor> acceptor = Acceptor();
   if (!acceptor || !m_acceptThread) return;
   // The accept loop stops first: a client it was serving in the meantime is
@@ -68,7 +71,7 @@ void TcpConnectionFactory::WaitUntilDestroy() {
   const bool acceptLoopEnded = m_acceptThread->Join(INFINITE_WAIT, true) != 0;
   {
     ScopedLock guard(m_liveLock);
-    for (const SmartPtr<Connection>& connection : m_liveConnections) connection->WaitUntilDestroy();
+    for (const SmartPtr<Connection>& connection : m_liveConnections) connection->WaitUntilDestroy(deadlineTick);
     m_liveConnections.clear();
   }
   {
@@ -83,6 +86,7 @@ void TcpConnectionFactory::WaitUntilDestroy() {
 }
 
 uint32_t TcpConnectionFactory::AcceptLoop() {
+  uint32_t backOffMs = 0;
   while (IsActive()) {
     SmartPtr<ITransceiver> transceiver;
     const int32_t accepted = Acceptor()->Accept(transceiver, kAcceptTickMs);
@@ -90,12 +94,36 @@ uint32_t TcpConnectionFactory::AcceptLoop() {
       if (transceiver) transceiver->Close();
       break;
     }
-    // A failed wait or accept stops accepting for good; the flag stays set.
-    if (accepted < 0) break;
+    if (accepted < 0) {
+      // Only a broken listener stops accepting; running short of
+      // descriptors or memory passes, and the clients already served go on.
+      const uint32_t error = TavixGetLastError();
+      if (!platform::IsTransientAcceptError(error)) {
+        TraceLog::Write(u"ERROR: Accept failed, no more clients on this endpoint: %d,%s\n", error,
+                        ErrorText(error));
+        break;
+      }
+      backOffMs = std::clamp<uint32_t>(backOffMs * 2, kMinAcceptBackOffMs, kMaxAcceptBackOffMs);
+      if (int32_t held = 0; m_acceptFailures.Admit(held)) {
+        TraceLog::Write(u"ERROR: Accept failed: %d,%s (%d more since the last line); retrying in %d ms.\n",
+                        error, ErrorText(error), held, static_cast<int32_t>(backOffMs));
+      }
+      platform::SleepMs(backOffMs);
+      continue;
+    }
+    backOffMs = 0;
     if (transceiver && m_adapter->GetStatus() == ADAPTER_DESTROYING) {
       transceiver->Close();
       transceiver = nullptr;
       tavixTrace(u"Adpter is Destroying,Connection closed\n");
+    }
+    if (transceiver && !m_adapter->AdmitConnection()) {
+      transceiver->Close();
+      transceiver = nullptr;
+      if (int32_t held = 0; m_refusals.Admit(held)) {
+        TraceLog::Write(u"ERROR: Connection limit of %d reached: client closed (%d more since the last line).\n",
+                        m_adapter->GetLimits().maxConnections, held);
+      }
     }
     bool anyClosed = false;
     {
@@ -110,6 +138,8 @@ uint32_t TcpConnectionFactory::AcceptLoop() {
 }
 
 void TcpConnectionFactory::Serve(const SmartPtr<ITransceiver>& transceiver) {
+  const SmartPtr<TcpTransceiver> tcp = SmartPtr<TcpTransceiver>::DynamicCast(transceiver);
+  if (tcp) tcp->SetStallTimeout(m_adapter->GetLimits().bodyTimeoutMs);
   SmartPtr<Connection> connection = MakeShared<Connection>(SmartPtr<IConnectionFactory>(this));
   connection->SetTransceiver(transceiver);
   {
@@ -123,6 +153,7 @@ void TcpConnectionFactory::Serve(const SmartPtr<ITransceiver>& transceiver) {
     ScopedLock guard(m_liveLock);
     m_liveConnections.erase(connection);
   }
+  m_adapter->ReleaseConnection();
   connection->Destroy();
   connection->WaitUntilDestroy();
 }

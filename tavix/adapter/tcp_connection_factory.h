@@ -9,6 +9,7 @@
 #include <set>
 #include <vector>
 
+#include "tavix/core/burst_log.h"
 #include "tavix/core/locks.h"
 #include "tavix/core/thread.h"
 #include "tavix/invoke/connection_factory.h"
@@ -24,6 +25,9 @@ class TcpConnectionFactory : public IConnectionFactory {
   // The accept loop's tick: the longest a shutdown waits for the loop to
   // notice it, and the longest an ended connection waits to be reaped.
   static constexpr uint32_t kAcceptTickMs = 5000;
+  // The pause after a failed accept doubles from the first to the last.
+  static constexpr uint32_t kMinAcceptBackOffMs = 10;
+  static constexpr uint32_t kMaxAcceptBackOffMs = 1000;
 
   TcpConnectionFactory(const SmartPtr<IPassport>& passport, const SmartPtr<IObjectHost>& adapter);
   // Stops an accept thread that is still running.
@@ -42,7 +46,7 @@ class TcpConnectionFactory : public IConnectionFactory {
   bool ConnectionClosed(const SmartPtr<Connection>& connection, TavixDisconnectReason reason) override;
   // Waits for every live connection, then stops the accept thread. Callers
   // call Destroy first. Activate may follow.
-  void WaitUntilDestroy() override;
+  void WaitUntilDestroy(uint64_t deadlineTick) override;
   const SmartPtr<IPassport>& GetPassport() const override { return m_passport; }
   SmartPtr<IObjectHost> GetHost() const override { return m_adapter; }
 
@@ -65,6 +69,8 @@ class TcpConnectionFactory : public IConnectionFactory {
   SmartPtr<ThreadPerTcpConnectionFactory> m_acceptThread;
   std::atomic<int32_t> m_active{0};
   SmartPtr<IObjectHost> m_adapter;
+  BurstLog m_acceptFailures;
+  BurstLog m_refusals;
 };
 
 // The accept thread. It points at its factory without holding it: the

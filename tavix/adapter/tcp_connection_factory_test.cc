@@ -24,7 +24,7 @@ class TcpConnectionFactoryTest : public ::testing::Test {
   void TearDown() override {
     if (m_factory) {
       m_factory->Destroy();
-      m_factory->WaitUntilDestroy();
+      m_factory->WaitUntilDestroy(platform::kNoDeadline);
     }
     m_adapter->RegisterDisconnectNotification(nullptr, nullptr);
   }
@@ -59,7 +59,7 @@ class TcpConnectionFactoryTest : public ::testing::Test {
 TEST_F(TcpConnectionFactoryTest, ShutdownEndsClientsPromptlyAndReactivates) {
   ASSERT_FALSE(GetLocalHostIP().empty());
   MakeFactory(NarrowString(GetLocalHostIP().front()));
-  m_factory->WaitUntilDestroy();  // never activated: nothing to do
+  m_factory->WaitUntilDestroy(platform::kNoDeadline);  // never activated: nothing to do
   ASSERT_TRUE(m_factory->Activate());
   ASSERT_TRUE(m_factory->Activate());
   RawClient a;
@@ -69,7 +69,7 @@ TEST_F(TcpConnectionFactoryTest, ShutdownEndsClientsPromptlyAndReactivates) {
   EXPECT_TRUE(Eventually([&] { return m_factory->RefCount() == 3; })) << "each live connection holds its factory";
   ExpectPromptly([&] {
     m_factory->Destroy();
-    m_factory->WaitUntilDestroy();
+    m_factory->WaitUntilDestroy(platform::kNoDeadline);
   });
   EXPECT_TRUE(a.ClosedByPeer(2000));
   EXPECT_TRUE(b.ClosedByPeer(2000));
@@ -105,7 +105,7 @@ TEST_F(TcpConnectionFactoryTest, EveryInterfaceListenerStopsPromptly) {
   Connect(client);
   ExpectPromptly([&] {
     m_factory->Destroy();
-    m_factory->WaitUntilDestroy();
+    m_factory->WaitUntilDestroy(platform::kNoDeadline);
   });
   EXPECT_TRUE(client.ClosedByPeer(2000));
 

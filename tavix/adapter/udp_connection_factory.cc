@@ -41,11 +41,11 @@ bool UdpConnectionFactory::ConnectionClosed(const SmartPtr<Connection>& /*connec
   return true;
 }
 
-void UdpConnectionFactory::WaitUntilDestroy() {
+void UdpConnectionFactory::WaitUntilDestroy(uint64_t deadlineTick) {
   // The lock is not held while waiting: the serving thread takes it in
   // ConnectionClosed on its way out.
   SmartPtr<Connection> connection = CurrentConnection();
-  if (connection) connection->WaitUntilDestroy();
+  if (connection) connection->WaitUntilDestroy(deadlineTick);
 }
 
 SmartPtr<Connection> UdpConnectionFactory::CurrentConnection() {

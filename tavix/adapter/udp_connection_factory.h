@@ -30,7 +30,7 @@ class UdpConnectionFactory : public IConnectionFactory {
   // The adapter is not told. Always true.
   bool ConnectionClosed(const SmartPtr<Connection>& connection, TavixDisconnectReason reason) override;
   // Waits for the serving thread to end.
-  void WaitUntilDestroy() override;
+  void WaitUntilDestroy(uint64_t deadlineTick) override;
   const SmartPtr<IPassport>& GetPassport() const override { return m_passport; }
   SmartPtr<IObjectHost> GetHost() const override { return m_adapter; }
 

@@ -93,4 +93,9 @@ EnsureLastError::EnsureLastError() : m_saved(platform::LastError()) {}
 
 EnsureLastError::~EnsureLastError() { platform::SetLastError(m_saved); }
 
+std::u16string ErrorText(uint32_t code) {
+  std::u16string text;
+  return GetErrMsg(code, text);
+}
+
 }  // namespace TAVIX

@@ -82,6 +82,8 @@ void TavixSetLastError(uint32_t code);
 // table gives "Unknown Error"; a platform code without a text gives "".
 std::u16string& GetErrMsg(uint32_t code, std::u16string& out);
 std::string& GetErrMsg(uint32_t code, std::string& out);
+// GetErrMsg as a value, for log lines.
+std::u16string ErrorText(uint32_t code);
 
 // Keeps the caller's last error across a scope whose platform calls fail
 // without the caller's concern (log writes, connection set-up).

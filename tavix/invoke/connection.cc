@@ -2,6 +2,8 @@
 
 #include <cxxabi.h>
 
+#include <algorithm>
+#include <climits>
 #include <exception>
 #include <string>
 
@@ -13,6 +15,7 @@
 #include "tavix/invoke/connection_factory.h"
 #include "tavix/invoke/object_helper.h"
 #include "tavix/marshal/message_header.h"
+#include "tavix/platform/clock.h"
 #include "tavix/platform/process.h"
 #include "tavix/platform/socket.h"
 #include "tavix/transport/datagram_stream_buf.h"
@@ -47,11 +50,6 @@ std::u16string ClientLabel(int32_t handle) {
   return label;
 }
 
-std::u16string ErrorText(uint32_t code) {
-  std::u16string text;
-  return GetErrMsg(code, text);
-}
-
 // Logs the exception being handled and gives the disconnect reason it
 // stands for. Thread cancellation is not handled here: callers let it
 // unwind on.
@@ -59,6 +57,10 @@ int32_t LogCaughtException() {
   try {
     throw;
   } catch (const TavixException& e) {
+    if (e.Code() == Err::ReceiveTimeout) {
+      TraceLog::Write(u"ERROR: Client silent inside a message beyond the body time-out; connection closed.\n");
+      return DISCONNECT_NETWORK_CLOSED;
+    }
     TraceLog::Write(u"ERROR: Tavix Exception catched: %d,%s\n", e.Code(), ErrorText(e.Code()));
     return DISCONNECT_LIBRARY_EXCEPTION;
   } catch (const Win32SE&) {
@@ -189,19 +191,58 @@ void Connection::Destroy() {
   // of inServant either sees the flag cleared or, already waiting for the
   // next header, is woken by the close.
   SetActivate(false);
-  if (!GetInServant() && m_transceiver) m_transceiver->Close();
+  if (!m_transceiver) return;
+  if (GetInServant()) {
+    m_transceiver->ShutdownReceive();
+  } else {
+    m_transceiver->Close();
+  }
 }
 
-void Connection::WaitUntilDestroy() {
+bool Connection::WaitUntilDestroy(uint64_t deadlineTick) {
   if (GetActivate()) Destroy();
-  if (m_thread && m_thread->Join(INFINITE_WAIT, true) < 1) {
-    TraceLog::Write(u"%d m_Transceiver shutdown timeout.", platform::ThreadId());
+  if (m_thread) {
+    const uint64_t now = platform::TickCountMs();
+    const uint32_t wait = deadlineTick == platform::kNoDeadline ? INFINITE_WAIT
+                          : deadlineTick <= now     ? 0
+                                                    : static_cast<uint32_t>(std::min<uint64_t>(deadlineTick - now, INFINITE_WAIT - 1));
+    if (m_thread->Join(wait, false) < 1) {
+      Abandon();
+      return false;
+    }
   }
   tavixTrace("%d m_Transceiver closed\n", platform::ThreadId());
   if (m_transceiver) m_transceiver->Close();
   // The factory may hold the last reference to this connection: it goes
   // last, after which nothing here is touched.
   SmartPtr<IConnectionFactory> factory = std::move(m_factory);
+  return true;
+}
+
+void Connection::Abandon() {
+  {
+    ScopedLock guard(m_requestLock);
+    const uint64_t ranMs = m_requestStart == 0 ? 0 : platform::TickCountMs() - m_requestStart;
+    TraceLog::Write(u"ERROR: Request abandoned at shutdown: object %s, operation %s, running for %d ms.\n",
+                    m_requestObject, m_requestOperation, static_cast<int32_t>(std::min<uint64_t>(ranMs, INT32_MAX)));
+  }
+  // The serving thread still runs on this connection (and through it on
+  // the factory) and may for ever: it keeps both, never released, and only
+  // the socket goes now.
+  IncRef();
+  if (m_transceiver) m_transceiver->Close();
+}
+
+void Connection::BeginRequest(const std::u16string& object, const std::u16string& operation) {
+  ScopedLock guard(m_requestLock);
+  m_requestObject = object;
+  m_requestOperation = operation;
+  m_requestStart = std::max<uint64_t>(platform::TickCountMs(), 1);
+}
+
+void Connection::EndRequest() {
+  ScopedLock guard(m_requestLock);
+  m_requestStart = 0;
 }
 
 uint32_t ThreadPerConnection::Run() {
@@ -210,27 +251,24 @@ uint32_t ThreadPerConnection::Run() {
 }
 
 int Connection::Run() {
-  if (!m_transceiver) {
+  const int32_t type = m_transceiver ? m_transceiver->Type() : 0;
+  const int32_t handle = m_transceiver ? m_transceiver->GetHandle() : INVALID_SOCKET;
+  if (handle == INVALID_SOCKET) {
     TraceLog::Write(u"ERROR: Uninitialize connection.\n");
+    // The factory still learns of the end, so that it counts the
+    // connection out.
+    if (m_factory) m_factory->ConnectionClosed(SmartPtr<Connection>(this), DISCONNECT_OTHER_ERROR);
     return 0;
   }
-  std::u16string label;
-  const int32_t type = m_transceiver->Type();
-  if (type == kTcp || type == kUdp) {
-    const int32_t handle = m_transceiver->GetHandle();
-    if (handle == INVALID_SOCKET) {
-      TraceLog::Write(u"ERROR: Uninitialize connection.\n");
-      return 0;
-    }
-    label = ClientLabel(handle);
-    TraceLog::Write(u"Thread for client %s started.\n", label);
-  }
+  const std::u16string label = ClientLabel(handle);
+  TraceLog::Write(u"Thread for client %s started.\n", label);
 
   int32_t reason = DISCONNECT_NORMAL;
   try {
     if (SendValidation() < 0) {
       const uint32_t error = TavixGetLastError();
       TraceLog::Write(u"ERROR: Send Validation message to client failed:%d,%s.\n", error, ErrorText(error));
+      m_transceiver->Close();
       if (m_factory) m_factory->ConnectionClosed(SmartPtr<Connection>(this), DISCONNECT_RECV_ERROR);
       return 0;
     }
@@ -240,6 +278,8 @@ int Connection::Run() {
   } catch (...) {
     reason = LogCaughtException();
   }
+  // The peer learns of the end at once, not when the connection is reaped.
+  m_transceiver->Close();
 
   if (m_factory) {
     const auto why = static_cast<TavixDisconnectReason>(reason);

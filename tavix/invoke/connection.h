@@ -7,10 +7,12 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 
 #include "tavix/core/locks.h"
 #include "tavix/core/shared.h"
 #include "tavix/core/thread.h"
+#include "tavix/platform/clock.h"
 
 namespace TAVIX {
 
@@ -63,16 +65,28 @@ class Connection : public virtual Shared {
 
   // Server: starts the serving thread (once); true while it may run.
   bool Activate();
-  // Server: asks the run loop to stop. A request being handled keeps its
-  // transceiver open so that its reply still goes out.
+  // Server: asks the run loop to stop without waiting for the peer. Idle,
+  // the transceiver is closed; while a request is being handled only its
+  // receiving side is shut, which wakes a read of a stalled body and still
+  // lets the reply go out.
   void Destroy();
   // Server: stops the loop, joins the serving thread, closes the
-  // transceiver and drops the factory.
-  void WaitUntilDestroy();
+  // transceiver and drops the factory. With a deadline (a tick count of
+  // the monotonic clock) a request still running then is abandoned: it is
+  // logged, the transceiver is closed, and its thread is left to finish on
+  // its own, still holding the connection. False when that happened.
+  bool WaitUntilDestroy(uint64_t deadlineTick = platform::kNoDeadline);
+
+  // Server: the request being handled, for the log of an abandoned one.
+  void BeginRequest(const std::u16string& object, const std::u16string& operation);
+  void EndRequest();
 
  private:
   friend class ThreadPerConnection;
   friend class ObjectHelper;
+
+  // Gives up on a serving thread that outlived the shutdown's deadline.
+  void Abandon();
 
   // The serving thread's body; always 0.
   int Run();
@@ -97,6 +111,10 @@ class Connection : public virtual Shared {
   SmartPtr<IConnectionFactory> m_factory;
   connectionState m_state = StateClosed;
   SpinLock m_stateLock;
+  std::u16string m_requestObject;
+  std::u16string m_requestOperation;
+  uint64_t m_requestStart = 0;  // 0: no request
+  SpinLock m_requestLock;
 };
 
 // The serving thread of one server connection. It points at its connection

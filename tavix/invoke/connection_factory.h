@@ -26,8 +26,10 @@ class IConnectionFactory : public virtual Shared {
   // Called by a connection's serving thread as it ends; `connection` may be
   // empty when only the reason is to be passed on. The result is advisory.
   virtual bool ConnectionClosed(const SmartPtr<Connection>& connection, TavixDisconnectReason reason) = 0;
-  // Waits for the connections and stops listening; Activate may follow.
-  virtual void WaitUntilDestroy() = 0;
+  // Waits for the connections and stops listening; Activate may follow. A
+  // connection whose request still runs at the deadline (a tick count of
+  // the monotonic clock) is abandoned.
+  virtual void WaitUntilDestroy(uint64_t deadlineTick) = 0;
   virtual const SmartPtr<IPassport>& GetPassport() const = 0;
   // The adapter whose servants the factory's connections serve.
   virtual SmartPtr<IObjectHost> GetHost() const = 0;

@@ -26,7 +26,10 @@ ObjectHelper::ObjectHelper(const SmartPtr<Connection>& connection, const SmartPt
   m_socket = static_cast<uint32_t>(transceiver->GetHandle());
 }
 
-ObjectHelper::~ObjectHelper() { m_connection->SetInServant(false); }
+ObjectHelper::~ObjectHelper() {
+  m_connection->EndRequest();
+  m_connection->SetInServant(false);
+}
 
 void ObjectHelper::Invoke() {
   RequestHead head;
@@ -35,6 +38,7 @@ void ObjectHelper::Invoke() {
   m_context.objectName = std::move(head.objectName);
   m_context.operation = std::move(head.operation);
   m_context.oneway = head.requestId == 0 ? 1 : 0;
+  m_connection->BeginRequest(m_context.objectName, m_context.operation);
   m_connection->GetTransceiver()->GetPeer(m_context.peerAddress, m_context.peerPort);
   m_reply.requestId = head.requestId;
 

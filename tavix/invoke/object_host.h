@@ -30,6 +30,16 @@ enum TavixDisconnectReason : int32_t {
   DISCONNECT_OTHER_ERROR = 6,        // anything else
 };
 
+// What an adapter allows its server connections.
+struct ConnectionLimits {
+  // Live connections of the adapter, all passports together; one more is
+  // closed at once, before its validation message.
+  int32_t maxConnections = 10000;
+  // How long a client may stay silent inside a message (after a header,
+  // before the body is complete); 0 waits without limit.
+  uint32_t bodyTimeoutMs = 60000;
+};
+
 class IObjectHost : public virtual Shared {
  public:
   ~IObjectHost() override = default;
@@ -43,6 +53,12 @@ class IObjectHost : public virtual Shared {
   virtual void DecrementInvocations() = 0;
   // A connection ended; called on its serving thread.
   virtual void DisconnectNotify(TavixDisconnectReason reason) = 0;
+
+  virtual ConnectionLimits GetLimits() = 0;
+  // Counts a new connection in; false when the limit is reached.
+  virtual bool AdmitConnection() = 0;
+  // Counts an admitted connection out once its serving has ended.
+  virtual void ReleaseConnection() = 0;
 };
 
 }  // namespace TAVIX

@@ -20,6 +20,8 @@ LocalTime LocalTimeNow() noexcept;
 
 // Milliseconds of the monotonic clock.
 uint64_t TickCountMs() noexcept;
+// A deadline in TickCountMs terms that never comes.
+inline constexpr uint64_t kNoDeadline = UINT64_MAX;
 
 }  // namespace platform
 }  // namespace TAVIX

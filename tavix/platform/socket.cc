@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -40,6 +41,22 @@ bool SetIntOption(int handle, int level, int name, int value) {
 int KeepAliveSeconds(uint32_t ms) { return static_cast<int>(std::max<uint32_t>(1, (ms + 999) / 1000)); }
 
 }  // namespace
+
+bool IsTransientAcceptError(uint32_t acceptError) {
+  switch (acceptError) {
+    case EMFILE:
+    case ENFILE:
+    case ENOBUFS:
+    case ENOMEM:
+    case ECONNABORTED:
+    case EPROTO:
+    case EPERM:
+    case EINTR:
+      return true;
+    default:
+      return false;
+  }
+}
 
 bool IsAbandonedConnection(uint32_t acceptError) {
   switch (acceptError) {
@@ -115,6 +132,17 @@ bool SocketView::LocalName(void* address, uint32_t& length) const {
 
 bool SocketView::Shutdown() const {
   return Retried([&] { return ::shutdown(m_handle, SHUT_RDWR); }) == 0;
+}
+
+bool SocketView::ShutdownRead() const {
+  return Retried([&] { return ::shutdown(m_handle, SHUT_RD); }) == 0;
+}
+
+bool SocketView::SetReceiveTimeout(uint32_t timeoutMs) const {
+  timeval limit{};
+  limit.tv_sec = static_cast<time_t>(timeoutMs / 1000);
+  limit.tv_usec = static_cast<suseconds_t>(timeoutMs % 1000) * 1000;
+  return Retried([&] { return ::setsockopt(m_handle, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit); }) == 0;
 }
 
 bool SocketView::SetBlocking(bool blocking) const {

@@ -23,6 +23,10 @@ class Socket;
 // between its connect and the accept: nobody is left to serve, but the
 // listener is fine.
 bool IsAbandonedConnection(uint32_t acceptError);
+// True for the accept errors that pass by themselves (descriptors or
+// memory running short, an aborted handshake): accepting may go on after a
+// pause, the listener is fine.
+bool IsTransientAcceptError(uint32_t acceptError);
 
 class SocketView {
  public:
@@ -43,6 +47,9 @@ class SocketView {
   bool LocalName(void* address, uint32_t& length) const;
   // Both directions; wakes every thread blocked in a call on the socket.
   bool Shutdown() const;
+  // The receiving direction only: a blocked receive wakes and sees the end
+  // of the stream, while sends still go out.
+  bool ShutdownRead() const;
 
   bool SetBlocking(bool blocking) const;
   // Lets a listener bind while old connections of its port linger in
@@ -52,6 +59,9 @@ class SocketView {
   // (rounded up to whole seconds, the platform's unit).
   bool SetKeepAlive(bool on, uint32_t idleMs, uint32_t intervalMs) const;
   bool SetSendBufSize(int32_t bytes) const;
+  // A blocking receive that waits longer than this fails with EAGAIN; 0
+  // waits without limit.
+  bool SetReceiveTimeout(uint32_t timeoutMs) const;
   bool SetRecvBufSize(int32_t bytes) const;
   bool SetBroadcast(bool on) const;
   // 1 or 0, -1 on failure.

@@ -4,6 +4,7 @@
 
 #include "tavix/core/errors.h"
 #include "tavix/core/text.h"
+#include "tavix/platform/clock.h"
 #include "tavix/platform/process.h"
 
 namespace TAVIX {
@@ -73,8 +74,9 @@ void Communicator::WaitForShutdown() {
   // application code (servant destructors).
   std::map<std::u16string, SmartPtr<ObjectAdapter>> released;
   {
+    const uint64_t deadline = platform::TickCountMs() + m_graceMs.load();
     ScopedLock guard(m_adaptersLock);
-    for (auto& [name, adapter] : m_adapters) adapter->WaitUntilDestroy();
+    for (auto& [name, adapter] : m_adapters) adapter->WaitUntilDestroy(deadline);
     released.swap(m_adapters);
   }
 }

@@ -42,6 +42,13 @@ class Communicator : public virtual Shared {
   // Shutdown and WaitForShutdown, unless shut down already.
   void Destroy();
 
+  // How long WaitForShutdown lets requests in progress run once the client
+  // calls are over; a request still running then is abandoned (logged, its
+  // socket closed) so that a servant that sleeps or loops cannot hold the
+  // process up.
+  void SetShutdownGracePeriod(uint32_t milliseconds) { m_graceMs.store(milliseconds); }
+  static constexpr uint32_t kDefaultGracePeriodMs = 10000;
+
   // How long WaitForShutdown waits for client calls: checks and sleeps.
   static constexpr int32_t kCallWaitRounds = 1200;
   static constexpr uint32_t kCallWaitStepMs = 1000;
@@ -68,6 +75,7 @@ class Communicator : public virtual Shared {
   bool m_shutdownFlag = false;
   SpinLock m_flagLock;
   std::atomic<int32_t> m_activeCalls{0};
+  std::atomic<uint32_t> m_graceMs{kDefaultGracePeriodMs};
 };
 
 // A new communicator; the name is not used, every call makes a separate one.

@@ -7,7 +7,6 @@
 #include "tavix/core/errors.h"
 #include "tavix/core/trace_log.h"
 #include "tavix/platform/last_error.h"
-#include "tavix/platform/process.h"
 
 namespace TAVIX {
 
@@ -50,16 +49,21 @@ bool SocketTransceiver::IsWaiting() const {
   return m_waiting;
 }
 
-void SocketTransceiver::CloseSocketLocked(uint32_t pauseMs) {
+void SocketTransceiver::CloseSocketLocked() {
   EnsureLastError keepCallerError;
   if (!m_socket.IsValid()) return;
   if (!ShutdownBoth()) TraceError(m_traces.shutdownError);
-  if (m_waiting && pauseMs != 0) platform::SleepMs(pauseMs);
   if (m_pins == 0) {
     if (!CloseSocket()) TraceError(m_traces.closeError);
   } else {
     m_retired.push_back(std::move(m_socket));
   }
+}
+
+void SocketTransceiver::ShutdownReceive() {
+  EnsureLastError keepCallerError;
+  ScopedLock guard(m_lock);
+  if (m_socket.IsValid()) m_socket.ShutdownRead();
 }
 
 int32_t SocketTransceiver::WaitForRecv(uint32_t timeoutMs) {

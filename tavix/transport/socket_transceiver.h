@@ -21,6 +21,7 @@ class SocketTransceiver : public ITransceiver, public SockWrapper {
   bool IsWaiting() const override;
   // Close from another thread wakes the wait, which then returns -3.
   int32_t WaitForRecv(uint32_t timeoutMs) override;
+  void ShutdownReceive() override;
 
  protected:
   // The debug trace lines of one transceiver class, each with "%d,%s" (or
@@ -51,10 +52,10 @@ class SocketTransceiver : public ITransceiver, public SockWrapper {
   explicit SocketTransceiver(const TraceFormats& traces) : m_traces(traces) {}
 
   // Shuts the socket down, which wakes every thread blocked on it, then
-  // closes it, or leaves that to the last pinned call still inside it.
-  // `pauseMs` lets a thread woken from WaitForRecv run first. The caller's
+  // closes it, or leaves that to the last pinned call still inside it, so a
+  // descriptor number is never reused under a woken thread. The caller's
   // last error survives.
-  void CloseSocketLocked(uint32_t pauseMs);
+  void CloseSocketLocked();
   // Hands "%d,%s" with the last error and its text to the debug trace.
   static void TraceError(const char16_t* format);
 

@@ -63,11 +63,7 @@ void TcpTransceiver::ApplyTcpOptionsLocked() {
 
 void TcpTransceiver::Close() {
   ScopedLock guard(m_lock);
-  // A thread blocked in WaitForRecv gets time to wake before the socket
-  // goes. Without one there is nobody to wait for: pinned calls keep the
-  // descriptor alive themselves, so a plain close (the common case at the
-  // end of every connection) costs no pause.
-  CloseSocketLocked(kCloseDelayMs);
+  CloseSocketLocked();
 }
 
 int32_t TcpTransceiver::WaitForSend(uint32_t timeoutMs) {
@@ -89,15 +85,15 @@ int32_t TcpTransceiver::Recv(void* buffer, int32_t length) {
     TavixSetLastError(Err::IllegalBufferSize);
     return -2;
   }
-  for (;;) {
-    const int32_t count = pin.Socket().Recv(buffer, length);
-    if (count >= 0) return count;
-    if (!LastErrorIsWouldBlock()) {
-      TraceError(u"TcpTransceiver::Recv, recv error:%d,%s\n");
-      return -1;
-    }
-    tavixTrace(u"Would block! try again\n");
+  const int32_t count = pin.Socket().Recv(buffer, length);
+  if (count >= 0) return count;
+  // The socket blocks: "would block" means the stall time-out passed.
+  if (LastErrorIsWouldBlock()) {
+    TavixSetLastError(Err::ReceiveTimeout);
+    return -2;
   }
+  TraceError(u"TcpTransceiver::Recv, recv error:%d,%s\n");
+  return -1;
 }
 
 int32_t TcpTransceiver::Recvn(void* buffer, int32_t length) {
@@ -108,29 +104,22 @@ int32_t TcpTransceiver::Recvn(void* buffer, int32_t length) {
     return -2;
   }
   auto* next = static_cast<char*>(buffer);
-  int32_t left = length;
-  uint64_t stallStart = 0;  // 0: not stalled
-  while (left > 0) {
+  for (int32_t left = length; left > 0;) {
     const int32_t count = pin.Socket().Recv(next, left);
+    if (count == 0) return 0;
     if (count > 0) {
       next += count;
       left -= count;
-      stallStart = 0;
       continue;
     }
-    if (count == 0) return 0;
-    if (!LastErrorIsWouldBlock()) {
-      TraceError(u"TcpTransceiver::Recvn, recv error:%d,%s\n");
-      return -1;
-    }
-    platform::SleepMs(50);
-    const uint64_t now = std::max<uint64_t>(platform::TickCountMs(), 1);
-    if (stallStart == 0) {
-      stallStart = now;
-    } else if (now - stallStart > kStallLimitMs) {
+    // A blocking socket says "would block" only when its stall time-out
+    // passed without a byte.
+    if (LastErrorIsWouldBlock()) {
       TavixSetLastError(Err::ReceiveTimeout);
       return -2;
     }
+    TraceError(u"TcpTransceiver::Recvn, recv error:%d,%s\n");
+    return -1;
   }
   return length;
 }
@@ -175,6 +164,11 @@ bool TcpTransceiver::GetPeer(std::u16string& address, uint16_t& port) const {
   address = m_peerAddress;
   port = m_peerPort;
   return true;
+}
+
+bool TcpTransceiver::SetStallTimeout(uint32_t timeoutMs) {
+  const Pin pin(*this);
+  return pin && pin.Socket().SetReceiveTimeout(timeoutMs);
 }
 
 void TcpTransceiver::SetPeer(const std::u16string& address, uint16_t port) {

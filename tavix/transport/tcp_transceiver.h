@@ -14,11 +14,6 @@ class TcpTransceiver : public SocketTransceiver {
  public:
   // Socket buffers each way.
   static constexpr int32_t kBufferSize = 65536;
-  // How long Close lets a woken waiter run before the socket goes.
-  static constexpr uint32_t kCloseDelayMs = 55;
-  // Longest a Recvn may stall on a socket that keeps answering "would
-  // block".
-  static constexpr uint32_t kStallLimitMs = 60000;
   // Send halves its chunk on ENOBUFS only while the chunk is above this.
   static constexpr int32_t kMinChunk = 8192;
 
@@ -42,9 +37,9 @@ class TcpTransceiver : public SocketTransceiver {
 
   // A TCP pipe is opened by connecting or accepting: does nothing.
   int32_t Open() override { return 0; }
-  // Shuts the socket down, waits kCloseDelayMs when a thread is blocked in
-  // WaitForRecv, and closes it. The caller's last error survives. Closing a
-  // closed transceiver does nothing.
+  // Shuts the socket down and closes it without waiting for anyone: a
+  // thread still inside a call keeps the descriptor until it leaves. The
+  // caller's last error survives. Closing a closed transceiver does nothing.
   void Close() override;
   int32_t Recv(void* buffer, int32_t length) override;
   int32_t Recvn(void* buffer, int32_t length) override;
@@ -55,6 +50,10 @@ class TcpTransceiver : public SocketTransceiver {
   bool IsBroadcast() const override { return false; }
 
   void SetPeer(const std::u16string& address, uint16_t port);
+  // How long Recv and Recvn wait for the next bytes before they fail with
+  // -2 and Err::ReceiveTimeout; 0 (the default) waits without limit.
+  // WaitForRecv keeps its own time-out.
+  bool SetStallTimeout(uint32_t timeoutMs);
   // Waits until the socket takes data; results as WaitForRecv.
   int32_t WaitForSend(uint32_t timeoutMs);
 

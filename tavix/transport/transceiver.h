@@ -46,6 +46,10 @@ class ITransceiver : public virtual Shared {
   // The largest message one Send accepts; 0 means no limit.
   virtual int32_t MaxMessageSize() const = 0;
   virtual bool IsBroadcast() const = 0;
+  // Wakes a thread blocked in a receive, which then sees the end of the
+  // stream, and refuses later receives; sends still go out. Nothing when
+  // closed.
+  virtual void ShutdownReceive() {}
 };
 
 // Owns one socket. The checked options (IoCtl, SetBlocking, the buffer

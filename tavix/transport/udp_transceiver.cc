@@ -52,7 +52,7 @@ bool UdpTransceiver::Connect() {
 
 void UdpTransceiver::Close() {
   ScopedLock guard(m_lock);
-  CloseSocketLocked(0);
+  CloseSocketLocked();
 }
 
 UdpTransceiver::Mode UdpTransceiver::GetMode() const {
