@@ -13,11 +13,10 @@ SmartPtr<Communicator> Initialize(std::u16string /*name*/) { return MakeShared<C
 
 Communicator::Communicator() = default;
 
+// A communicator that was only told to shut down still waits as it goes:
+// otherwise its adapters and their factories would keep each other alive.
 Communicator::~Communicator() {
-  if (!IsShutdown()) {
-    Shutdown();
-    WaitForShutdown();
-  }
+  if (!m_waited.load()) WaitForShutdown();
 }
 
 bool Communicator::IsShutdown() {
@@ -79,6 +78,7 @@ void Communicator::WaitForShutdown() {
     for (auto& [name, adapter] : m_adapters) adapter->WaitUntilDestroy(deadline);
     released.swap(m_adapters);
   }
+  m_waited.store(true);
 }
 
 void Communicator::Destroy() {

@@ -21,7 +21,7 @@ namespace TAVIX {
 class Communicator : public virtual Shared {
  public:
   Communicator();
-  // Shuts down and waits unless that was begun already.
+  // Shuts down and waits unless that was done already.
   ~Communicator() override;
   Communicator(const Communicator&) = delete;
   Communicator& operator=(const Communicator&) = delete;
@@ -76,6 +76,7 @@ class Communicator : public virtual Shared {
   SpinLock m_flagLock;
   std::atomic<int32_t> m_activeCalls{0};
   std::atomic<uint32_t> m_graceMs{kDefaultGracePeriodMs};
+  std::atomic<bool> m_waited{false};
 };
 
 // A new communicator; the name is not used, every call makes a separate one.

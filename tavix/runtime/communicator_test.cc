@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "tavix/core/errors.h"
+#include "tavix/invoke/wire_test_util.h"
 #include "tavix/platform/clock.h"
 #include "tavix/platform/process.h"
 
@@ -51,6 +52,15 @@ TEST(Communicator, AdaptersByExactNameUntilShutdownIsWaitedFor) {
   EXPECT_EQ(2, b->RefCount());
   first->WaitForShutdown();
   EXPECT_EQ(1, b->RefCount()) << "the communicator released its adapters";
+
+  // Shutdown alone, then the last reference: an adapter whose listening
+  // factory holds it is still released.
+  SmartPtr<ObjectAdapter> d = second->CreateObjectAdapter(std::string("d"));
+  d->Activate();
+  ASSERT_NE(0, test_wire::Listen(*d));
+  second->Shutdown();
+  second = nullptr;
+  EXPECT_EQ(1, d->RefCount()) << "released, its factories waited for";
 }
 
 TEST(Communicator, WaitForShutdownWaitsForCallsInWholeSteps) {
