@@ -29,6 +29,7 @@ void ReportFailure(const std::string& what, uint32_t code) {
 
 int Serve(const ServeOptions& options) {
   SmartPtr<Communicator> communicator = Initialize(u"tavix");
+  communicator->SetShutdownGracePeriod(options.graceMs);
   SmartPtr<ObjectAdapter> adapter = communicator->CreateObjectAdapter(std::string("Serve"));
   const SmartPtr<EchoServant> echo = MakeShared<EchoServant>(options.allowFaults);
   if (!adapter || !adapter->AddServant(echo, options.name)) {
@@ -36,6 +37,7 @@ int Serve(const ServeOptions& options) {
     communicator->Destroy();
     return 1;
   }
+  adapter->SetLimits(options.limits);
   // Active before the endpoints come, so that each one is opened at once
   // and a port that cannot be listened on fails here.
   adapter->Activate();

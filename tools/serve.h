@@ -3,8 +3,12 @@
 #ifndef TAVIX_TOOLS_SERVE_H_
 #define TAVIX_TOOLS_SERVE_H_
 
+#include <cstdint>
 #include <string>
 #include <vector>
+
+#include "tavix/invoke/object_host.h"
+#include "tavix/runtime/communicator.h"
 
 namespace TAVIX::tools {
 
@@ -12,6 +16,8 @@ struct ServeOptions {
   std::vector<std::string> endpoints;  // default: one on every interface, port 5678
   std::string name = "Echo";
   bool allowFaults = false;  // the Echo object also answers "Fault"
+  ConnectionLimits limits;
+  uint32_t graceMs = Communicator::kDefaultGracePeriodMs;
 };
 
 // Exit status: 0 after an orderly shutdown, 1 when an endpoint could not be

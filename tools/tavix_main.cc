@@ -1,8 +1,10 @@
 // The `tavix` command-line tool.
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "tavix/platform/signals.h"
 #include "tools/client_commands.h"
@@ -18,6 +20,9 @@ constexpr const char* kUsage =
     "  --endpoint      an endpoint to listen on (default \"tcp -h #any -p 5678\"), TCP or UDP; may repeat\n"
     "  --name          the Echo object's id (default \"Echo\")\n"
     "  --allow-faults  the Echo object also answers \"Fault\" (see tavix call ... fault)\n"
+    "  --max-connections N  live TCP clients at most (default 10000); more are closed at once\n"
+    "  --body-timeout MS    silence allowed inside a request (default 60000; 0 = no limit)\n"
+    "  --grace MS           how long shutdown waits for running requests (default 10000)\n"
     "  Prints the proxy strings, serves until SIGINT or SIGTERM, then prints\n"
     "  \"requests: N\", the requests the Echo object received.\n";
 
@@ -47,6 +52,14 @@ bool OptionValue(int argc, char** argv, int& i, std::string_view option, std::st
   return false;
 }
 
+// A whole non-negative decimal number that fits `out`.
+template <class T>
+bool ParseCount(const std::string& text, T& out) {
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), out);
+  if (error != std::errc() || end != text.data() + text.size()) return false;
+  return !std::is_signed_v<T> || out >= 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -67,6 +80,12 @@ int main(int argc, char** argv) {
       options.name = value;
     } else if (std::strcmp(argv[i], "--allow-faults") == 0) {
       options.allowFaults = true;
+    } else if (OptionValue(argc, argv, i, "--max-connections", value, missing)) {
+      if (missing || !ParseCount(value, options.limits.maxConnections)) return Usage("--max-connections needs a count");
+    } else if (OptionValue(argc, argv, i, "--body-timeout", value, missing)) {
+      if (missing || !ParseCount(value, options.limits.bodyTimeoutMs)) return Usage("--body-timeout needs milliseconds");
+    } else if (OptionValue(argc, argv, i, "--grace", value, missing)) {
+      if (missing || !ParseCount(value, options.graceMs)) return Usage("--grace needs milliseconds");
     } else {
       return Usage("unknown option");
     }
