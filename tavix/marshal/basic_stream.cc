@@ -206,10 +206,15 @@ void BasicStream::write(const std::u16string& v) {
   if (bytes > 0) WriteToStream(v.data(), bytes);
 }
 
+// A string is read into room reserved for its whole length, so that it
+// costs one copy of its payload: reserved room that no byte has reached yet
+// is address space, not memory, and a forged length fails at the end of the
+// message before it costs more than the bytes that came.
 void BasicStream::read(std::string& v) {
   int32_t n = 0;
   if (!readCount(n)) return;
   v.clear();
+  v.reserve(static_cast<size_t>(n));
   char* scratch = n > 0 ? narrowScratch() : nullptr;
   for (int32_t done = 0; done < n;) {
     const int32_t got = Moved(ReadFromStream(scratch, std::min(kStringPiece, n - done)));
@@ -222,6 +227,7 @@ void BasicStream::read(std::u16string& v) {
   int32_t n = 0;
   if (!readCount(n)) return;
   v.clear();
+  v.reserve(static_cast<size_t>(n));
   char16_t* scratch = n > 0 ? wideScratch() : nullptr;
   for (int32_t done = 0; done < n;) {
     const int32_t want = std::min(kStringPiece, n - done) * 2;
