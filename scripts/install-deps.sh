@@ -3,7 +3,8 @@
 # any of them is missing.
 set -euo pipefail
 
-packages=(g++ make cmake pkg-config iproute2 libgtest-dev libgmock-dev libbenchmark-dev libunwind-dev libdw-dev)
+packages=(g++ make cmake pkg-config iproute2 clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
+          libunwind-dev libdw-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

@@ -25,7 +25,6 @@ namespace TAVIX {
 namespace {
 
 constexpr size_t kLabelLimit = 64;
-constexpr int32_t kTcp = 1;
 constexpr int32_t kUdp = 2;
 
 // Sends one header-only message of the given type.

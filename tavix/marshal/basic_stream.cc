@@ -181,7 +181,7 @@ void BasicStream::write(double v) { WriteToStream(&v, 8); }
 
 // A byte other than 0 and 1 cannot live in a bool; it reads as true.
 void BasicStream::read(bool& v) {
-  uint8_t b = v ? 1 : 0;
+  uint8_t b = 0;
   ReadFromStream(&b, 1);
   v = b != 0;
 }
@@ -206,15 +206,14 @@ void BasicStream::write(const std::u16string& v) {
   if (bytes > 0) WriteToStream(v.data(), bytes);
 }
 
-// A string is read into room reserved for its whole length, so that it
-// costs one copy of its payload: reserved room that no byte has reached yet
-// is address space, not memory, and a forged length fails at the end of the
-// message before it costs more than the bytes that came.
+// A string grows with the bytes that arrive, so a forged length costs no
+// more than the bytes that came; growth doubles, and large strings grow in
+// place (the allocator remaps their pages), so reading costs about one copy
+// of the payload.
 void BasicStream::read(std::string& v) {
   int32_t n = 0;
   if (!readCount(n)) return;
   v.clear();
-  v.reserve(static_cast<size_t>(n));
   char* scratch = n > 0 ? narrowScratch() : nullptr;
   for (int32_t done = 0; done < n;) {
     const int32_t got = Moved(ReadFromStream(scratch, std::min(kStringPiece, n - done)));
@@ -227,7 +226,6 @@ void BasicStream::read(std::u16string& v) {
   int32_t n = 0;
   if (!readCount(n)) return;
   v.clear();
-  v.reserve(static_cast<size_t>(n));
   char16_t* scratch = n > 0 ? wideScratch() : nullptr;
   for (int32_t done = 0; done < n;) {
     const int32_t want = std::min(kStringPiece, n - done) * 2;
