@@ -66,14 +66,17 @@ int TraceLog::AppendLine(const char16_t* format, std::span<const FormatArg> args
     static constexpr unsigned char kByteOrderMark[2] = {0xFF, 0xFE};
     m_file.Write(kByteOrderMark, sizeof kByteOrderMark);
   }
-  // x86-64 is little-endian: the units are already in file order.
+  // x86-64 is little-endian: the units are already in file order. A line
+  // written is in the system's cache and survives any crash of this
+  // process; it is forced to disk only when the log closes, since a sync
+  // per line, under the lock, would make every error line a disk wait.
   if (m_file.Write(line.data(), n * sizeof(char16_t)) < 0) return -1;
-  m_file.SyncData();
   return static_cast<int>(n);
 }
 
 void TraceLog::Close() {
   ScopedLock guard(m_lock);
+  if (m_file.IsOpen()) m_file.SyncData();
   m_file.Close();
 }
 
