@@ -93,6 +93,8 @@ class Server {
            client.Send(Request(1, u"Echo", u"ObjectPing")) && ParseReply(client.ReceiveMessage()).requestId == 1;
   }
 
+  pid_t Pid() const { return m_pid; }
+
   const uint16_t port;
 
  private:
@@ -182,6 +184,31 @@ TEST(Load, SleepingServantIsAbandonedAfterTheGracePeriod) {
   std::printf("sleeping servant: shutdown took %" PRId64 " ms with a 2 s grace period\n", static_cast<int64_t>(ms));
   const std::u16string text = ToolLog();
   EXPECT_NE(std::u16string::npos, text.find(u"Request abandoned at shutdown: object Echo, operation Sleep"));
+}
+
+TEST(Load, ClientGoneMidBlobLeavesNoTemporaryFile) {
+  Server server("");
+  const std::filesystem::path folder = std::filesystem::path(TAVIX_LIBRARY_DIR) / "TavixBuffer";
+  std::string prefix = std::to_string(server.Pid());  // files are named "%05d" of the pid first
+  prefix.insert(0, prefix.size() < 5 ? 5 - prefix.size() : 0, '0');
+  const auto files = [&] {
+    int32_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+      count += entry.path().filename().string().rfind(prefix, 0) == 0 ? 1 : 0;
+    }
+    return count;
+  };
+  const int32_t bytes = 4 << 20;  // well past the 1 MiB from which a blob is a file
+  Bytes request = Request(6, u"Echo", u"EchoBlob", Writer().u8(0xFF).i32(bytes).bytes(Bytes(bytes, 0x42)).get());
+  request.resize(request.size() / 2);
+  {
+    RawClient client;
+    ASSERT_TRUE(client.Connect(server.port));
+    client.Receive(HEADER_SIZE);
+    ASSERT_TRUE(client.Send(request));
+    EXPECT_TRUE(Eventually([&] { return files() == 1; }, 2000)) << "the half-received blob is in a file";
+  }
+  EXPECT_TRUE(Eventually([&] { return files() == 0; }, 2000)) << files() << " files left in " << folder;
 }
 
 TEST(Load, ThousandIdleClientsDoNotSlowShutdown) {
