@@ -1,21 +1,21 @@
-// Test helpers shared by the invocation, adapter and tool tests: byte
-// builders for messages, loopback sockets, a served adapter on a free port,
-// a raw TCP client and a reader of this process's trace-log lines.
-// Header-only: compiled into the test binaries, never into the library.
+// Test helpers shared by the transport, invocation, adapter, client and tool tests: byte builders for messages,
+// loopback sockets, a served adapter on a free port, raw TCP and UDP peers and a reader of this process's trace log.
 #ifndef TAVIX_INVOKE_WIRE_TEST_UTIL_H_
 #define TAVIX_INVOKE_WIRE_TEST_UTIL_H_
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <cstring>
 #include <fstream>
-#include <iterator>
+#include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "tavix/adapter/object_adapter.h"
@@ -56,6 +56,20 @@ class Writer {
  private:
   Bytes m_bytes;
 };
+
+inline Bytes WStr(const std::u16string& s) { return Writer().wstr(s).get(); }
+
+// The last error a call left when it failed (returned false, null or a negative number); 0 when it succeeded.
+template <class Call>
+uint32_t Refused(Call call) {
+  TavixSetLastError(0);
+  const auto result = call();
+  if constexpr (std::is_integral_v<decltype(result)> && !std::is_same_v<decltype(result), bool>) {
+    return result < 0 ? TavixGetLastError() : 0;
+  } else {
+    return result ? 0 : TavixGetLastError();
+  }
+}
 
 inline Bytes Header(uint8_t type, int32_t size) {
   MsgHeaderData header;
@@ -159,36 +173,72 @@ inline TcpPair ConnectedPair() {
 
 inline uint64_t MsSince(uint64_t start) { return platform::TickCountMs() - start; }
 
-// Adds a TCP passport on every interface: on `port`, or on a free one
-// (retried, since another process may take it first). The port, 0 on failure.
-inline uint16_t Listen(ObjectAdapter& adapter, uint16_t port = 0) {
+// A plain datagram socket on 127.0.0.1.
+class RawUdp {
+ public:
+  RawUdp() {
+    InetAddr address = Loopback(0);
+    uint32_t length = InetAddr::SockAddrLen();
+    EXPECT_TRUE(m_socket.Create(platform::SocketType::kDatagram));
+    EXPECT_TRUE(m_socket.Bind(address.SockAddr(), length));
+    EXPECT_TRUE(m_socket.LocalName(address.SockAddr(), length));
+    port = address.Port();
+  }
+  void SendTo(uint16_t to, const Bytes& bytes) {
+    const InetAddr address = Loopback(to);
+    EXPECT_EQ(static_cast<int32_t>(bytes.size()), m_socket.SendTo(bytes.data(), static_cast<int32_t>(bytes.size()),
+                                                                  address.SockAddr(), InetAddr::SockAddrLen()));
+  }
+  // One datagram and its sender's port; empty when none came in time.
+  Bytes Receive(uint32_t timeoutMs = 2000, uint16_t* from = nullptr) {
+    if (m_socket.Poll(platform::PollFor::kRead, timeoutMs) != 1) return {};
+    Bytes bytes(65536);
+    InetAddr sender;
+    uint32_t length = InetAddr::SockAddrLen();
+    const int32_t n = m_socket.RecvFrom(bytes.data(), static_cast<int32_t>(bytes.size()), sender.SockAddr(), length);
+    bytes.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    if (from != nullptr) *from = sender.Port();
+    return bytes;
+  }
+
+  uint16_t port = 0;
+
+ private:
+  platform::Socket m_socket;
+};
+
+// Adds a passport on every interface (TCP) or 127.0.0.1 (UDP): on `port`, or on a free one (retried, since another
+// process may take it first). The port, 0 on failure.
+inline uint16_t Listen(ObjectAdapter& adapter, uint16_t port = 0, const std::string& protocol = "tcp") {
   for (int attempt = 0; attempt < 20; ++attempt) {
-    const uint16_t candidate = port != 0 ? port : FreePort();
-    if (adapter.AddPassport("tcp -h #any -p " + std::to_string(candidate))) return candidate;
+    const uint16_t candidate = port != 0 ? port : protocol == "tcp" ? FreePort() : RawUdp().port;
+    const std::string host = protocol == "tcp" ? " -h #any -p " : " -h 127.0.0.1 -p ";
+    if (adapter.AddPassport(protocol + host + std::to_string(candidate))) return candidate;
     if (port != 0) break;
   }
   return 0;
 }
 
-// One servant in an active adapter of a communicator of its own, listening.
+// One servant in an active adapter of a communicator of its own, listening on TCP or UDP.
 struct TestServer {
-  explicit TestServer(const SmartPtr<Object>& servant, uint16_t wantedPort = 0, const std::string& id = "A")
-      : adapter(communicator->CreateObjectAdapter(std::string("Test"))), name(id) {
+  explicit TestServer(const SmartPtr<Object>& servant, uint16_t wantedPort = 0, const std::string& id = "A",
+                      const std::string& kind = "tcp")
+      : adapter(communicator->CreateObjectAdapter(std::string("Test"))), name(id), protocol(kind) {
     adapter->AddServant(servant, id);
     adapter->Activate();
-    port = Listen(*adapter, wantedPort);
+    port = Listen(*adapter, wantedPort, protocol);
   }
   ~TestServer() { communicator->Destroy(); }
   TestServer(const TestServer&) = delete;
   TestServer& operator=(const TestServer&) = delete;
 
   std::string ProxyString(uint32_t timeoutMs = 2000) const {
-    return name + ":tcp -h 127.0.0.1 -p " + std::to_string(port) + " -t " + std::to_string(timeoutMs);
+    return name + ":" + protocol + " -h 127.0.0.1 -p " + std::to_string(port) + " -t " + std::to_string(timeoutMs);
   }
 
   SmartPtr<Communicator> communicator = Initialize();
   SmartPtr<ObjectAdapter> adapter;
-  std::string name;
+  std::string name, protocol;
   uint16_t port = 0;
 };
 
@@ -241,41 +291,6 @@ class RawClient {
     return m_socket.Poll(platform::PollFor::kRead, timeoutMs) == 1 && m_socket.Recv(&byte, 1) <= 0;
   }
   void Close() { m_socket.Close(); }
-
- private:
-  platform::Socket m_socket;
-};
-
-// A plain datagram socket on 127.0.0.1.
-class RawUdp {
- public:
-  RawUdp() {
-    InetAddr address = Loopback(0);
-    uint32_t length = InetAddr::SockAddrLen();
-    EXPECT_TRUE(m_socket.Create(platform::SocketType::kDatagram));
-    EXPECT_TRUE(m_socket.Bind(address.SockAddr(), length));
-    EXPECT_TRUE(m_socket.LocalName(address.SockAddr(), length));
-    port = address.Port();
-  }
-  void SendTo(uint16_t to, const Bytes& bytes) {
-    const InetAddr address = Loopback(to);
-    EXPECT_EQ(static_cast<int32_t>(bytes.size()),
-              m_socket.SendTo(bytes.data(), static_cast<int32_t>(bytes.size()), address.SockAddr(),
-                              InetAddr::SockAddrLen()));
-  }
-  // One datagram and its sender's port; empty when none came in time.
-  Bytes Receive(uint32_t timeoutMs = 2000, uint16_t* from = nullptr) {
-    if (m_socket.Poll(platform::PollFor::kRead, timeoutMs) != 1) return {};
-    Bytes bytes(65536);
-    InetAddr sender;
-    uint32_t length = InetAddr::SockAddrLen();
-    const int32_t n = m_socket.RecvFrom(bytes.data(), static_cast<int32_t>(bytes.size()), sender.SockAddr(), length);
-    bytes.resize(n > 0 ? static_cast<size_t>(n) : 0);
-    if (from != nullptr) *from = sender.Port();
-    return bytes;
-  }
-
-  uint16_t port = 0;
 
  private:
   platform::Socket m_socket;
