@@ -15,7 +15,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "tavix/adapter/object_adapter.h"
@@ -59,16 +59,20 @@ class Writer {
 
 inline Bytes WStr(const std::u16string& s) { return Writer().wstr(s).get(); }
 
-// The last error a call left when it failed (returned false, null or a negative number); 0 when it succeeded.
+// The last error a call left when it failed (returned false or null); 0 when it succeeded.
 template <class Call>
 uint32_t Refused(Call call) {
   TavixSetLastError(0);
-  const auto result = call();
-  if constexpr (std::is_integral_v<decltype(result)> && !std::is_same_v<decltype(result), bool>) {
-    return result < 0 ? TavixGetLastError() : 0;
-  } else {
-    return result ? 0 : TavixGetLastError();
-  }
+  return call() ? 0 : TavixGetLastError();
+}
+
+// A call's result and the last error it left.
+using Outcome = std::pair<int32_t, uint32_t>;
+template <class Call>
+Outcome OutcomeOf(Call call) {
+  TavixSetLastError(0);
+  const int32_t result = call();
+  return {result, TavixGetLastError()};
 }
 
 inline Bytes Header(uint8_t type, int32_t size) {
