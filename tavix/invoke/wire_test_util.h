@@ -15,7 +15,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "tavix/adapter/object_adapter.h"
@@ -25,6 +24,7 @@
 #include "tavix/core/text.h"
 #include "tavix/core/trace_log.h"
 #include "tavix/marshal/blob.h"
+#include "tavix/marshal/marshal_test_util.h"
 #include "tavix/marshal/message_header.h"
 #include "tavix/platform/clock.h"
 #include "tavix/platform/process.h"
@@ -36,6 +36,9 @@
 namespace TAVIX::test_wire {
 
 using Bytes = std::vector<uint8_t>;
+using testing::Outcome;
+using testing::OutcomeOf;
+using testing::Refused;
 
 // Little-endian writer of the body encoding.
 class Writer {
@@ -58,22 +61,6 @@ class Writer {
 };
 
 inline Bytes WStr(const std::u16string& s) { return Writer().wstr(s).get(); }
-
-// The last error a call left when it failed (returned false or null); 0 when it succeeded.
-template <class Call>
-uint32_t Refused(Call call) {
-  TavixSetLastError(0);
-  return call() ? 0 : TavixGetLastError();
-}
-
-// A call's result and the last error it left.
-using Outcome = std::pair<int32_t, uint32_t>;
-template <class Call>
-Outcome OutcomeOf(Call call) {
-  TavixSetLastError(0);
-  const int32_t result = call();
-  return {result, TavixGetLastError()};
-}
 
 inline Bytes Header(uint8_t type, int32_t size) {
   MsgHeaderData header;
