@@ -1,11 +1,8 @@
 // `tavix ping` and `tavix call` as processes against an Echo servant served
 // by this test: what they print, and their exit statuses.
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <cstdio>
-#include <string>
 
 #include "tavix/invoke/wire_test_util.h"
 #include "tools/echo_servant.h"

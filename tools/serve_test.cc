@@ -1,15 +1,11 @@
 // `tavix serve` as a process: the proxy strings it prints, that it answers,
 // that it ends cleanly on SIGTERM and SIGINT, and how it reports a bad
 // endpoint or command line.
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
-#include <vector>
 
 #include "tavix/core/host_info.h"
 #include "tavix/invoke/wire_test_util.h"

@@ -2,8 +2,6 @@
 // open, and proxy strings. The wait for running requests is a server test.
 #include "tavix/adapter/object_adapter.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 
 #include "tavix/invoke/wire_test_util.h"

@@ -1,7 +1,5 @@
 // The whole server over real TCP, driven by raw-socket clients: the validation bytes, the stream kept in step, every
 // way a connection's loop ends (reason, log line, reaping), many clients at once, and shutdown under a running request.
-#include <gtest/gtest.h>
-
 #include <stdexcept>
 
 #include "tavix/invoke/object_helper.h"

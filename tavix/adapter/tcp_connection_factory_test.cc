@@ -3,8 +3,6 @@
 // by the server tests.
 #include "tavix/adapter/tcp_connection_factory.h"
 
-#include <gtest/gtest.h>
-
 #include "tavix/core/host_info.h"
 #include "tavix/invoke/wire_test_util.h"
 #include "tavix/transport/passport.h"

@@ -1,10 +1,7 @@
 #include "tavix/invoke/messages.h"
 
-#include <gtest/gtest.h>
-
 #include <set>
 #include <thread>
-#include <vector>
 
 #include "tavix/core/errors.h"
 #include "tavix/marshal/marshal_test_util.h"

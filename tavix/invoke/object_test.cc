@@ -3,8 +3,6 @@
 // the validation message failing to go out.
 #include "tavix/invoke/object.h"
 
-#include <gtest/gtest.h>
-
 #include "tavix/adapter/tcp_connection_factory.h"
 #include "tavix/invoke/connection.h"
 #include "tavix/invoke/object_helper.h"

@@ -3,8 +3,6 @@
 // receiver's check refuses.
 #include "tavix/marshal/basic_stream.h"
 
-#include <gtest/gtest.h>
-
 #include <array>
 #include <numeric>
 #include <tuple>

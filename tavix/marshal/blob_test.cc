@@ -2,8 +2,6 @@
 // that cannot be opened.
 #include "tavix/marshal/blob.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <filesystem>
 #include <fstream>

@@ -4,6 +4,8 @@
 #ifndef TAVIX_MARSHAL_MARSHAL_TEST_UTIL_H_
 #define TAVIX_MARSHAL_MARSHAL_TEST_UTIL_H_
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cstring>
 #include <functional>

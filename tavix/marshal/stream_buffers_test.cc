@@ -2,8 +2,6 @@
 // transceiver and a blob.
 #include "tavix/transport/stream_transceiver_buf.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <numeric>
 

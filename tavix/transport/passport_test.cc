@@ -2,8 +2,6 @@
 // by protocol word, and endpoints that cannot be opened.
 #include "tavix/transport/passport.h"
 
-#include <gtest/gtest.h>
-
 #include "tavix/core/host_info.h"
 #include "tavix/invoke/wire_test_util.h"
 

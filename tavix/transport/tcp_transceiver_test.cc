@@ -2,7 +2,6 @@
 // a close from another thread, and the reuse of a transceiver a holder already has.
 #include "tavix/transport/tcp_transceiver.h"
 
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>

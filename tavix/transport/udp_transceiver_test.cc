@@ -2,8 +2,6 @@
 // a close that wakes a waiting thread.
 #include "tavix/transport/udp_transceiver.h"
 
-#include <gtest/gtest.h>
-
 #include "tavix/invoke/wire_test_util.h"
 #include "tavix/transport/passport.h"
 
