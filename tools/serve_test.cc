@@ -1,6 +1,5 @@
-// `tavix serve` as a process: the proxy strings it prints, that it answers,
-// that it ends cleanly on SIGTERM and SIGINT, and how it reports a bad
-// endpoint or command line.
+// `tavix serve` as a process: the proxy strings it prints, that it answers, that it ends cleanly on SIGTERM and SIGINT,
+// and how it reports a bad endpoint or command line.
 #include <signal.h>
 #include <sys/wait.h>
 

@@ -108,9 +108,8 @@ TEST_F(ServerTest, ContextAndLogNameTheClientAsTheSocketSeesIt) {
   EXPECT_TRUE(log.Has(FormatString(u"Thread for client %d(127.0.0.1:%d) stoped.", handle, port)));
 }
 
-// Each client ends its own connection in one way; a bystander never
-// notices, ended connections are reaped at the next accept, and a broken
-// request is never answered.
+// Each client ends its own connection in one way; a bystander never notices, ended connections are reaped at the next
+// accept, and a broken request is never answered.
 TEST_F(ServerTest, EveryLoopEndingHasItsReasonAndLogLine) {
   Bytes badCrc = Header(MSG_CLOSE, 20), cutShort = Request(5, u"A", u"Echo", WStr(u"never complete"));
   badCrc[18] ^= 0x01;

@@ -141,9 +141,8 @@ TEST(ThreadTest, StartTwiceCreatesOneThreadAndReportsKernelId) {
   EXPECT_EQ(0u, worker->ThreadId());
 }
 
-// A join of a thread never started succeeds; a finite join that may not
-// terminate leaves the thread joinable; two joiners clean up once; and the
-// object starts again afterwards.
+// A join of a thread never started succeeds; a finite join that may not terminate leaves the thread joinable; two
+// joiners clean up once; and the object starts again afterwards.
 TEST(ThreadTest, JoinsOfEveryKind) {
   SmartPtr<Worker> worker(new Worker);
   EXPECT_EQ(1, worker->Join());

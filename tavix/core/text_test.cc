@@ -104,8 +104,7 @@ std::u16string Wide(uint32_t code) {
   return GetErrMsg(code, out);
 }
 
-// The table's own texts are checked where they surface: log lines and the
-// tools' output.
+// The table's own texts are checked where they surface: log lines and the tools' output.
 TEST(ErrorTextTest, GapsAreUnknownAndOtherCodesArePlatformCodes) {
   EXPECT_EQ("Broadcast transfers can be only used with oneway mode.", Narrow(0x20000019));
   EXPECT_EQ(u"Unknown Error", Wide(0x2000001A));

@@ -1,5 +1,4 @@
-// The trace log: its byte-order mark and line header, line ends, the size limit, failures and lines from many
-// threads.
+// The trace log: its byte-order mark and line header, line ends, the size limit, failures and lines from many threads.
 #include "tavix/core/trace_log.h"
 
 #include <gtest/gtest.h>

@@ -113,8 +113,7 @@ TEST_F(RequestTest, ErrorRepliesEchoTheIdAndCarryNoResults) {
   EXPECT_EQ(pings, m_servant->pings);
 }
 
-// Whatever happens to a one-way request, the next reply is the two-way
-// request's after it.
+// Whatever happens to a one-way request, the next reply is the two-way request's after it.
 TEST_F(RequestTest, OneWayRequestsRunAndSendNothing) {
   m_servant->pingStatus = 7;
   Bytes oneWays;

@@ -233,8 +233,7 @@ struct TestServer {
   uint16_t port = 0;
 };
 
-// A plain TCP client, on 127.0.0.1 unless told otherwise (or an accepted socket), that sends and
-// receives raw bytes.
+// A plain TCP client, on 127.0.0.1 unless told otherwise (or an accepted socket), that sends and receives raw bytes.
 class RawClient {
  public:
   RawClient() = default;
@@ -275,8 +274,7 @@ class RawClient {
   }
   // True when nothing arrives within the time (the connection stays open).
   bool Silent(uint32_t timeoutMs) { return m_socket.Poll(platform::PollFor::kRead, timeoutMs) == 0; }
-  // True when the server closes the connection within the time without
-  // sending anything more.
+  // True when the server closes the connection within the time without sending anything more.
   bool ClosedByPeer(uint32_t timeoutMs = 5000) {
     uint8_t byte = 0;
     return m_socket.Poll(platform::PollFor::kRead, timeoutMs) == 1 && m_socket.Recv(&byte, 1) <= 0;
@@ -325,8 +323,7 @@ class LogLines {
  public:
   LogLines() : m_skip(Read().size()) {}
 
-  // Whether a new line equals `message`, waiting a little for serving
-  // threads to write it.
+  // Whether a new line equals `message`, waiting a little for serving threads to write it.
   bool Has(const std::u16string& message, uint32_t timeoutMs = 3000) const {
     return Eventually(
         [&] {

@@ -77,8 +77,7 @@ TEST(BasicStreamWire, SizeAndBoolDecoding) {
   EXPECT_TRUE(flag);
 }
 
-// Writes the values, checks the bytes against their lengthOf, and reads
-// them back from deliveries of 7 bytes at a time.
+// Writes the values, checks the bytes against their lengthOf, and reads them back from deliveries of 7 bytes at a time.
 template <class... T>
 void ExpectRoundTrip(const T&... values) {
   const Bytes bytes = Encode([&](BasicStream& s) { (s.write(values), ...); });

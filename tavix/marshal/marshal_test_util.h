@@ -60,8 +60,7 @@ Outcome OutcomeOf(Call call) {
   return {result, TavixGetLastError()};
 }
 
-// Takes at most `accept` bytes per call (all when negative), or returns
-// `result` instead when it is set.
+// Takes at most `accept` bytes per call (all when negative), or returns `result` instead when it is set.
 class Sink : public EndStreamBuf {
  public:
   int32_t sputn(const void* data, int32_t count) override {
@@ -112,8 +111,7 @@ inline Bytes Encode(const std::function<void(BasicStream&)>& fill) {
   return Bytes(mem->block(), mem->block() + mem->fill());
 }
 
-// A stream that reads `bytes` as one message body, the way a receiver sets
-// its chain up.
+// A stream that reads `bytes` as one message body, the way a receiver sets its chain up.
 struct Decoder {
   explicit Decoder(Bytes bytes, int32_t chunk = 0x7FFFFFFF) : source(new Source(std::move(bytes), chunk)) {
     AttachMessageBuffer(stream, static_cast<int32_t>(source->bytes.size()), source);

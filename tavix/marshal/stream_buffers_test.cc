@@ -33,8 +33,7 @@ TEST(StreamMemBuf, LimitAndModeRules) {
   EXPECT_EQ(mem.sgetn(out, 4), 0);  // a writing buffer refuses reads
   EXPECT_EQ(mem.size(), 10);
 
-  // clear: back to a fresh, unlimited, unused state, the next link kept and
-  // cleared as well.
+  // clear: back to a fresh, unlimited, unused state, the next link kept and cleared as well.
   SmartPtr<Sink> sink(new Sink());
   EXPECT_TRUE(mem.setNext(sink));
   mem.clear();

@@ -1,6 +1,5 @@
-// The communicator: its adapters by name, the shutdown flag, and the wait
-// for client calls in progress. Closing client connections and listeners
-// at shutdown is covered end to end by the proxy and server tests.
+// The communicator: its adapters by name, the shutdown flag, and the wait for client calls in progress. Closing client
+// connections and listeners at shutdown is covered end to end by the proxy and server tests.
 #include "tavix/runtime/communicator.h"
 
 #include <gtest/gtest.h>
@@ -37,8 +36,7 @@ TEST(Communicator, AdaptersByExactNameUntilShutdownIsWaitedFor) {
   EXPECT_EQ(ADAPTER_INACTIVE, b->GetStatus()) << "the existing adapter is untouched";
   EXPECT_TRUE(second->CreateObjectAdapter(std::u16string(u"b"))) << "communicators are independent";
 
-  // Shutdown happens once, refuses new adapters, and keeps the adapters
-  // until it is waited for.
+  // Shutdown happens once, refuses new adapters, and keeps the adapters until it is waited for.
   b->Activate();
   first->Shutdown();
   EXPECT_EQ(ADAPTER_DESTROYING, b->GetStatus());

@@ -99,8 +99,7 @@ TEST(PassportPrintTest, PrintedFormsWideAndNarrow) {
   EXPECT_TRUE(again->IsLocal());
   EXPECT_EQ(Printed(*any), Printed(*again));
 
-  // Copies carry the fields but never the reference count; value
-  // comparisons always answer false.
+  // Copies carry the fields but never the reference count; value comparisons always answer false.
   const SmartPtr<TcpPassport> holder = any;
   const SmartPtr<TcpPassport> copy = MakeShared<TcpPassport>(*any);
   EXPECT_EQ(1, copy->RefCount());
