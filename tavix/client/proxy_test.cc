@@ -16,7 +16,6 @@ using EchoOp = Operation<u"Echo", In<std::u16string>, Out<std::u16string>>;
 using MissingOp = Operation<u"Missing">;
 using MixOp = Operation<u"Mix", In<int32_t, std::u16string, std::vector<double>>, Out<bool, std::string, int64_t>>;
 using NoteOp = OneWayOperation<u"Note", In<std::u16string>>;
-using SleepOp = Operation<u"Sleep">;
 
 // The table order is checked when compiling.
 static_assert(typed_call_detail::StrictlyAscending(std::array<std::u16string_view, 4>{u"A", u"B", u"a", u"\u00e9"}));
@@ -40,14 +39,13 @@ class TestServant final : public Object {
     m_notes.push_back(text);
     return 0;
   }
-  uint32_t Sleep(const Context&) { return platform::SleepMs(400), 0; }
   std::vector<std::u16string> Notes() {
     std::lock_guard lock(m_mutex);
     return m_notes;
   }
   void Dispatch(ObjectHelper& request) override {
     ServantTable<TestServant, Entry<EchoOp, &TestServant::Echo>, Entry<MixOp, &TestServant::Mix>,
-                 Entry<NoteOp, &TestServant::Note>, Entry<SleepOp, &TestServant::Sleep>>::Dispatch(*this, request);
+                 Entry<NoteOp, &TestServant::Note>>::Dispatch(*this, request);
   }
 
  private:
@@ -197,18 +195,6 @@ TEST_F(ProxyTest, TypedSkeletonAndProxyMarshalTheSameValuesInOrder) {
   EXPECT_FALSE(flag);
   EXPECT_EQ("kept", narrow) << "outs are written only on success";
   EXPECT_EQ(std::vector<std::u16string>{u"hi"}, m_servant->Notes()) << "the one-way call came first";
-}
-
-TEST_F(ProxyTest, TimeoutClosesTheConnectionAndAutoReconnectReopensIt) {
-  TestServer server(m_servant);
-  SmartPtr<ProxyObject> proxy = Proxy(server.ProxyString(150));
-  ASSERT_EQ(0u, proxy->ObjectPing());
-  const auto start = steady_clock::now();
-  EXPECT_EQ(Err::ReceiveTimeout, Invoke<SleepOp>(*proxy));
-  EXPECT_LT(steady_clock::now() - start, milliseconds(350));
-  EXPECT_EQ(Err::ProxyClosed, proxy->ObjectPing());
-  proxy->AutoReconnect(true);
-  EXPECT_EQ(0u, proxy->ObjectPing());
 }
 
 TEST_F(ProxyTest, ServerThatGoesAwayFailsTheCallAndIsReconnectedWhenBack) {
