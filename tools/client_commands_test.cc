@@ -59,11 +59,7 @@ TEST_F(ClientCommandsTest, PingPrintsOneLinePerCallAndCallAnswers) {
 
 TEST_F(ClientCommandsTest, FailuresPrintTheirCodeAndExitOneOrTwo) {
   const std::string closed = std::to_string(test_wire::FreePort());
-  const struct {
-    std::string arguments;
-    int status;
-    const char* text;
-  } cases[] = {
+  const std::tuple<std::string, int, const char*> cases[] = {
       {"call " + Proxy("Nobody") + " echo x", 1, "0x2000000C Object not find."},
       {"ping 'Echo:tcp -h 127.0.0.1 -p " + closed + "'", 1, "ping 1 failed: 0x0000006F"},  // ECONNREFUSED
       // Broadcasts carry one-way calls only; nothing is sent for a two-way one.
@@ -74,10 +70,10 @@ TEST_F(ClientCommandsTest, FailuresPrintTheirCodeAndExitOneOrTwo) {
       {"ping " + Proxy() + " --count 0", 2, ""},
       {"call " + Proxy() + " shout x", 2, ""},
   };
-  for (const auto& c : cases) {
-    const ToolRun run = Tool(c.arguments);
-    EXPECT_EQ(c.status, run.status) << c.arguments;
-    EXPECT_TRUE(run.Has(c.text)) << run.output;
+  for (const auto& [arguments, status, text] : cases) {
+    const ToolRun run = Tool(arguments);
+    EXPECT_EQ(status, run.status) << arguments;
+    EXPECT_TRUE(run.Has(text)) << run.output;
   }
 }
 

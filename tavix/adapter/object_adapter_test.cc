@@ -45,15 +45,11 @@ TEST(ObjectAdapter, PassportsConflictOpenAndClose) {
   const uint16_t port = FreePort();
   // Inactive: nothing is opened, so even a foreign address is taken.
   ASSERT_TRUE(adapter->AddPassport(Endpoint(port, "10.0.0.1")));
-  const struct {
-    std::string endpoint;
-    uint32_t error;
-  } refused[] = {{Endpoint(port), Err::PassportConflict},
-                 {Endpoint(port, "10.0.0.1"), Err::PassportConflict},
-                 {"sctp -h #any -p " + std::to_string(port), Err::UnsupportedFunction},
-                 {"tcp -h #any", Err::BadPassportString}};
-  for (const auto& c : refused) {
-    EXPECT_EQ(c.error, Refused([&] { return adapter->AddPassport(c.endpoint); })) << c.endpoint;
+  const std::pair<std::string, uint32_t> refused[] = {
+      {Endpoint(port), Err::PassportConflict}, {Endpoint(port, "10.0.0.1"), Err::PassportConflict},
+      {"sctp -h #any -p " + std::to_string(port), Err::UnsupportedFunction}, {"tcp -h #any", Err::BadPassportString}};
+  for (const auto& [endpoint, error] : refused) {
+    EXPECT_EQ(error, Refused([&] { return adapter->AddPassport(endpoint); })) << endpoint;
   }
   EXPECT_TRUE(adapter->AddPassport(Endpoint(port, "10.0.0.2"))) << "another host, no conflict";
   const uint16_t local = FreePort();

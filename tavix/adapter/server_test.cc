@@ -115,12 +115,8 @@ TEST_F(ServerTest, EveryLoopEndingHasItsReasonAndLogLine) {
   badCrc[18] ^= 0x01;
   cutShort.resize(30);
   const std::u16string received = u"ERROR: Receive packect error(-2): ", thrown = u"ERROR: Tavix Exception catched: ";
-  const struct {
-    Bytes send;
-    bool vanish;  // the client closes right after sending
-    TavixDisconnectReason reason;
-    std::u16string line;
-  } cases[] = {
+  // What a client sends, whether it closes right after sending, the reason reported and the log line written.
+  const std::tuple<Bytes, bool, TavixDisconnectReason, std::u16string> cases[] = {
       {Header(MSG_CLOSE, 20), false, DISCONNECT_NORMAL, u""},
       {badCrc, false, DISCONNECT_RECV_ERROR, received + u"536870945,CRC check error."},
       {Header(MSG_REQUEST, -5), false, DISCONNECT_RECV_ERROR, received + u"536871940,Illegal size"},
@@ -142,15 +138,16 @@ TEST_F(ServerTest, EveryLoopEndingHasItsReasonAndLogLine) {
   for (size_t i = 0; i < std::size(cases); ++i) {
     LogLines log;
     Connect(clients[i]);
-    ASSERT_TRUE(clients[i].Send(cases[i].send));
-    if (cases[i].vanish) clients[i].Close();
-    EXPECT_EQ(cases[i].reason, m_disconnects.Next()) << i;
-    EXPECT_TRUE(cases[i].line.empty() || log.Has(cases[i].line)) << NarrowString(cases[i].line);
+    const auto& [send, vanish, reason, line] = cases[i];
+    ASSERT_TRUE(clients[i].Send(send));
+    if (vanish) clients[i].Close();
+    EXPECT_EQ(reason, m_disconnects.Next()) << i;
+    EXPECT_TRUE(line.empty() || log.Has(line)) << NarrowString(line);
   }
   RawClient next;
   Connect(next);
   for (size_t i = 0; i < std::size(cases); ++i) {
-    EXPECT_TRUE(cases[i].vanish || clients[i].ClosedByPeer(2000)) << "not reaped, or answered: " << i;
+    EXPECT_TRUE(std::get<1>(cases[i]) || clients[i].ClosedByPeer(2000)) << "not reaped, or answered: " << i;
   }
   EXPECT_EQ(0, m_server.adapter->GetInvocationCount());
   EXPECT_EQ(0u, Call(bystander, Request(2, u"A", u"ObjectPing")).status);

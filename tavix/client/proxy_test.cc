@@ -110,14 +110,12 @@ TEST_F(ProxyTest, ProxyStringsSplitAtTheFirstColon) {
   SmartPtr<ProxyObject> proxy = Proxy("Printer:tcp -h 10.0.0.1 -p 5678 -t 250");
   EXPECT_EQ(u"Printer", proxy->ObjectName());
   EXPECT_EQ(250u, proxy->Timeout());
-  const struct {
-    const char* text;
-    uint32_t error;
-  } bad[] = {{"no colon here", Err::BadProxyString},
-             {":tcp -h a -p 1", Err::BadProxyString},
-             {"A:tcp -h a", Err::BadPassportString},
-             {"A:b:tcp -h a -p 1", Err::UnsupportedFunction}};
-  for (const auto& c : bad) EXPECT_EQ(c.error, Refused([&] { return CreateProxy(m_client, c.text); })) << c.text;
+  const std::pair<const char*, uint32_t> bad[] = {
+      {"no colon here", Err::BadProxyString}, {":tcp -h a -p 1", Err::BadProxyString},
+      {"A:tcp -h a", Err::BadPassportString}, {"A:b:tcp -h a -p 1", Err::UnsupportedFunction}};
+  for (const auto& [text, error] : bad) {
+    EXPECT_EQ(error, Refused([&] { return CreateProxy(m_client, text); })) << text;
+  }
 }
 
 TEST_F(ProxyTest, CallsReachTheServantAndStatusesComeBack) {
@@ -266,11 +264,7 @@ TEST_F(ProxyTest, BrokenServersFailTheCallWithTheirCode) {
   Bytes badCrc = Header(MSG_VALIDATE, HEADER_SIZE), badMagic = PingReply(Request(1, u"A", u"ObjectPing"));
   badCrc[19] ^= 0xFF;
   badMagic[0] = 'Y';
-  const struct {
-    const char* what;
-    FakeServer::Script script;
-    uint32_t result;
-  } cases[] = {
+  const std::tuple<const char*, FakeServer::Script, uint32_t> cases[] = {
       {"wrong validation type", [](RawClient& peer) { EXPECT_TRUE(peer.Send(Header(MSG_REPLY, HEADER_SIZE))); },
        Err::ValidateFail},
       {"validation with a broken CRC", [badCrc](RawClient& peer) { EXPECT_TRUE(peer.Send(badCrc)); }, Err::CrcError},
@@ -286,13 +280,13 @@ TEST_F(ProxyTest, BrokenServersFailTheCallWithTheirCode) {
       {"server gone mid-call", validateThen([](RawClient& peer, const Bytes&) { peer.Close(); }),
        Err::ConnectionClosed},
   };
-  for (const auto& c : cases) {
-    FakeServer server({c.script});
+  for (const auto& [what, script, result] : cases) {
+    FakeServer server({script});
     SmartPtr<ProxyObject> proxy = Proxy(server.ProxyString(300));
     const auto start = steady_clock::now();
-    EXPECT_EQ(c.result, proxy->ObjectPing()) << c.what;
-    EXPECT_LT(steady_clock::now() - start, milliseconds(1000)) << c.what;
-    EXPECT_EQ(Err::ProxyClosed, proxy->ObjectPing()) << c.what;
+    EXPECT_EQ(result, proxy->ObjectPing()) << what;
+    EXPECT_LT(steady_clock::now() - start, milliseconds(1000)) << what;
+    EXPECT_EQ(Err::ProxyClosed, proxy->ObjectPing()) << what;
   }
 }
 

@@ -89,11 +89,7 @@ TEST_F(RequestTest, ErrorRepliesEchoTheIdAndCarryNoResults) {
   // Before any servant runs the server time is exactly 0.0.
   EXPECT_EQ(Hex(ReplyMessage(3, Err::ObjectNotFound)), Hex(Call(Request(3, u"B", u"ObjectPing"))));
   m_servant->pingStatus = 5;
-  const struct {
-    std::u16string object;
-    std::u16string operation;
-    uint32_t status;
-  } cases[] = {
+  const std::tuple<const char16_t*, const char16_t*, uint32_t> cases[] = {
       {u"a", u"ObjectPing", Err::ObjectNotFound},
       {u"A", u"Print", Err::OperationNotFound},
       {u"A", u"objectping", Err::OperationNotFound},
@@ -101,9 +97,9 @@ TEST_F(RequestTest, ErrorRepliesEchoTheIdAndCarryNoResults) {
       {u"A", u"Forget", Err::Unhandled},
   };
   int32_t id = 10;
-  for (const auto& c : cases) {
-    const Reply reply = ParseReply(Call(Request(++id, c.object, c.operation)));
-    EXPECT_EQ(c.status, reply.status) << NarrowString(c.operation);
+  for (const auto& [object, operation, status] : cases) {
+    const Reply reply = ParseReply(Call(Request(++id, object, operation)));
+    EXPECT_EQ(status, reply.status) << NarrowString(operation);
     EXPECT_EQ(id, reply.requestId);
     EXPECT_EQ(36, reply.size);
   }

@@ -31,11 +31,7 @@ static_assert(!Readable<long long> && !Readable<uint32_t> && !Readable<char>);
 using Fill = std::function<void(BasicStream&)>;
 
 TEST(BasicStreamWire, EncodingVectors) {
-  const struct {
-    const char* what;
-    Fill fill;
-    Bytes bytes;
-  } cases[] = {
+  const std::tuple<const char*, Fill, Bytes> cases[] = {
       {"size 0", [](BasicStream& s) { s.writeSize(0); }, B({0x00})},
       {"size 254", [](BasicStream& s) { s.writeSize(254); }, B({0xFE})},
       {"size 255", [](BasicStream& s) { s.writeSize(255); }, B({0xFF, 0xFF, 0, 0, 0})},
@@ -56,7 +52,7 @@ TEST(BasicStreamWire, EncodingVectors) {
        B({0, 0})},
       {"null blob", [](BasicStream& s) { s.write(SmartPtr<ITavixBlob>()); }, B({0})},
   };
-  for (const auto& c : cases) EXPECT_EQ(Encode(c.fill), c.bytes) << c.what;
+  for (const auto& [what, fill, bytes] : cases) EXPECT_EQ(Encode(fill), bytes) << what;
 }
 
 TEST(BasicStreamWire, SizeAndBoolDecoding) {

@@ -22,12 +22,7 @@ SmartPtr<TcpPassport> Made(const std::u16string& text) {
 }
 
 TEST(PassportGrammarTest, AcceptedStringsAndTheirFields) {
-  const struct {
-    const char16_t* text;
-    const char16_t* host;
-    uint16_t port;
-    uint32_t timeout;
-  } cases[] = {
+  const std::tuple<const char16_t*, const char16_t*, uint16_t, uint32_t> cases[] = {
       {u"tcp -h 10.0.0.1 -p 5678 -t 3000", u"10.0.0.1", 5678, 3000},
       {u"tcp -p 1 -h a", u"a", 1, 0},
       {u"TCP -h a -p 1", u"a", 1, 0},
@@ -42,11 +37,11 @@ TEST(PassportGrammarTest, AcceptedStringsAndTheirFields) {
       {u"tcp -h a -p 1 -t 0", u"a", 1, 0},
       {u"tcp -h a -p 1 -t 4294967295", u"a", 1, 2147483647},  // saturates
   };
-  for (const auto& c : cases) {
-    const SmartPtr<TcpPassport> p = Made(c.text);
-    EXPECT_EQ(std::tuple(c.host, c.port, c.timeout, false),
+  for (const auto& [text, host, port, timeout] : cases) {
+    const SmartPtr<TcpPassport> p = Made(text);
+    EXPECT_EQ(std::tuple(host, port, timeout, false),
               std::tuple(p->Host(), p->Port(), p->Timeout(), p->IsLocal()))
-        << NarrowString(c.text);
+        << NarrowString(text);
   }
 }
 
@@ -113,11 +108,7 @@ TEST(PassportPrintTest, PrintedFormsWideAndNarrow) {
 }
 
 TEST(PassportConflictTest, SameListeningResourceConflicts) {
-  const struct {
-    const char16_t* a;
-    const char16_t* b;
-    bool conflict;
-  } cases[] = {
+  const std::tuple<const char16_t*, const char16_t*, bool> cases[] = {
       {u"tcp -h #any -p 10", u"tcp -h 10.0.0.1 -p 10", true},
       {u"tcp -h 10.0.0.1 -p 10", u"tcp -h #any -p 10", true},
       {u"tcp -h HostA -p 10", u"tcp -h hosta -p 10", true},
@@ -126,8 +117,8 @@ TEST(PassportConflictTest, SameListeningResourceConflicts) {
       {u"tcp -h 10.0.0.1 -p 10", u"tcp -h 10.0.0.2 -p 10", false},
       {u"tcp -h #any -p 10", u"tcp -h #any -p 11", false},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(c.conflict, Made(c.a)->Conflict(*Made(c.b))) << NarrowString(c.a) << " / " << NarrowString(c.b);
+  for (const auto& [a, b, conflict] : cases) {
+    EXPECT_EQ(conflict, Made(a)->Conflict(*Made(b))) << NarrowString(a) << " / " << NarrowString(b);
   }
 
   // Another kind of passport never conflicts.
