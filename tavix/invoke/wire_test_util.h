@@ -103,8 +103,7 @@ inline int32_t ReadI32(const Bytes& b, size_t at) {
 
 // The parts of a reply message.
 struct Reply {
-  int32_t size = 0;
-  int32_t requestId = 0;
+  int32_t size = 0, requestId = 0;
   uint32_t status = 0;
   double serverTime = 0;
   Bytes results;
@@ -148,15 +147,13 @@ inline uint16_t FreePort() {
 }
 
 struct TcpPair {
-  SmartPtr<TcpTransceiver> client;
-  SmartPtr<TcpTransceiver> server;
+  SmartPtr<TcpTransceiver> client, server;
 };
 
 // Both ends of a loopback TCP connection.
 inline TcpPair ConnectedPair() {
   SmartPtr<TcpAcceptor> acceptor = LoopbackAcceptor();
-  SmartPtr<ITransceiver> client;
-  SmartPtr<ITransceiver> server;
+  SmartPtr<ITransceiver> client, server;
   if (!acceptor || TcpTransceiver::Connect(acceptor->Address(), client) != 0) return {};
   acceptor->Accept(server, 2000);
   return {SmartPtr<TcpTransceiver>::DynamicCast(client), SmartPtr<TcpTransceiver>::DynamicCast(server)};
@@ -170,9 +167,8 @@ class RawUdp {
   RawUdp() {
     InetAddr address = Loopback(0);
     uint32_t length = InetAddr::SockAddrLen();
-    EXPECT_TRUE(m_socket.Create(platform::SocketType::kDatagram));
-    EXPECT_TRUE(m_socket.Bind(address.SockAddr(), length));
-    EXPECT_TRUE(m_socket.LocalName(address.SockAddr(), length));
+    EXPECT_TRUE(m_socket.Create(platform::SocketType::kDatagram) && m_socket.Bind(address.SockAddr(), length) &&
+                m_socket.LocalName(address.SockAddr(), length));
     port = address.Port();
   }
   void SendTo(uint16_t to, const Bytes& bytes) {

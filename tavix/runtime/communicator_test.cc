@@ -4,12 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
 #include <thread>
 
-#include "tavix/core/errors.h"
+#include "tavix/marshal/marshal_test_util.h"
 #include "tavix/platform/clock.h"
-#include "tavix/platform/process.h"
 
 namespace TAVIX {
 
@@ -23,16 +21,14 @@ class CommunicatorProbe {
 namespace {
 
 using Probe = CommunicatorProbe;
+using testing::Refused;
 
 TEST(Communicator, AdaptersByExactNameUntilShutdownIsWaitedFor) {
-  SmartPtr<Communicator> first = Initialize(u"same");
-  SmartPtr<Communicator> second = Initialize(u"same");
+  SmartPtr<Communicator> first = Initialize(u"same"), second = Initialize(u"same");
   SmartPtr<ObjectAdapter> b = first->CreateObjectAdapter(std::u16string(u"b"));
   ASSERT_TRUE(b);
   ASSERT_TRUE(first->CreateObjectAdapter(std::u16string(u"B")));
-  TavixSetLastError(0);
-  EXPECT_FALSE(first->CreateObjectAdapter(std::string("b")));
-  EXPECT_EQ(Err::AdapterNameExists, TavixGetLastError());
+  EXPECT_EQ(Err::AdapterNameExists, Refused([&] { return first->CreateObjectAdapter(std::string("b")); }));
   EXPECT_EQ(ADAPTER_INACTIVE, b->GetStatus()) << "the existing adapter is untouched";
   EXPECT_TRUE(second->CreateObjectAdapter(std::u16string(u"b"))) << "communicators are independent";
 
@@ -43,9 +39,7 @@ TEST(Communicator, AdaptersByExactNameUntilShutdownIsWaitedFor) {
   b->Activate();
   first->Shutdown();
   EXPECT_EQ(ADAPTER_ACTIVE, b->GetStatus()) << "a second Shutdown does nothing";
-  TavixSetLastError(0);
-  EXPECT_FALSE(first->CreateObjectAdapter(std::string("c")));
-  EXPECT_EQ(Err::CommunicatorClosed, TavixGetLastError());
+  EXPECT_EQ(Err::CommunicatorClosed, Refused([&] { return first->CreateObjectAdapter(std::string("c")); }));
   EXPECT_EQ(2, b->RefCount());
   first->WaitForShutdown();
   EXPECT_EQ(1, b->RefCount()) << "the communicator released its adapters";
