@@ -8,6 +8,7 @@
 
 #include "tavix/marshal/marshal_test_util.h"
 #include "tavix/platform/clock.h"
+#include "tavix/platform/process.h"
 
 namespace TAVIX {
 
