@@ -118,7 +118,11 @@ TEST_F(UdpServerTest, FloodLeavesTheServerAnsweringWithFlatMemory) {
     for (Bytes got; !answered && !(got = m_raw.Receive(100)).empty();) answered = ParseReply(got).requestId == 4;
   }
   EXPECT_TRUE(answered) << "answered after the flood";
+#ifdef __SANITIZE_ADDRESS__  // freed blocks wait in the sanitizer's quarantine and count as resident
+  EXPECT_LT(residentKb() - before, 64 * 1024) << "kilobytes grown";
+#else
   EXPECT_LT(residentKb() - before, 8 * 1024) << "kilobytes grown";
+#endif
   std::printf("flood: %d of 100000 one-way datagrams served, the rest dropped by the full queue\n",
               m_servant->notes.load());
 }

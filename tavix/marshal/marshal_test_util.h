@@ -91,7 +91,7 @@ class Source : public EndStreamBuf {
     asked.push_back(count);
     if (result != 0) return result;
     const auto n = static_cast<size_t>(std::min({count, static_cast<int32_t>(bytes.size() - offset), chunk}));
-    std::memcpy(data, bytes.data() + offset, n);
+    if (n != 0) std::memcpy(data, bytes.data() + offset, n);
     offset += n;
     return static_cast<int32_t>(n);
   }
