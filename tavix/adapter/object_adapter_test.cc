@@ -2,13 +2,8 @@
 // open, and proxy strings. The wait for running requests is a server test.
 #include "tavix/adapter/object_adapter.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
-#include <string>
-#include <vector>
 
-#include "tavix/invoke/object.h"
 #include "tavix/invoke/wire_test_util.h"
 
 namespace TAVIX {
@@ -28,21 +23,19 @@ bool Accepts(uint16_t port) {
 
 TEST(ObjectAdapter, ServantsByExactId) {
   auto adapter = MakeShared<ObjectAdapter>();
-  auto one = MakeShared<Object>();
-  auto two = MakeShared<Object>();
+  auto one = MakeShared<Object>(), two = MakeShared<Object>();
   EXPECT_TRUE(adapter->AddServant(SmartPtr<Object>(one), std::u16string(u"Printer")));
-  EXPECT_FALSE(adapter->AddServant(SmartPtr<Object>(two), std::string("Printer")));
-  EXPECT_EQ(Err::ObjectExists, TavixGetLastError());
+  EXPECT_EQ(Err::ObjectExists,
+            Refused([&] { return adapter->AddServant(SmartPtr<Object>(two), std::string("Printer")); }));
   EXPECT_TRUE(adapter->AddServant(SmartPtr<Object>(two), std::string("printer")));
   EXPECT_EQ(one.get(), adapter->FindServant(u"Printer").get());
   EXPECT_EQ(two.get(), adapter->FindServant(u"printer").get());
   EXPECT_TRUE(adapter->RemoveServant(std::string("Printer")));
   EXPECT_EQ(1, one->RefCount()) << "the adapter let the removed servant go";
-  const auto notFound = [](bool result) { return !result && TavixGetLastError() == Err::ObjectNotFound; };
   std::vector<std::string> proxies;
-  EXPECT_TRUE(notFound(static_cast<bool>(adapter->FindServant(u"PRINTER"))));
-  EXPECT_TRUE(notFound(adapter->RemoveServant(std::u16string(u"Printer"))));
-  EXPECT_TRUE(notFound(adapter->GetProxyString(std::string("Printer"), proxies)));
+  EXPECT_EQ(Err::ObjectNotFound, Refused([&] { return adapter->FindServant(u"PRINTER"); }));
+  EXPECT_EQ(Err::ObjectNotFound, Refused([&] { return adapter->RemoveServant(std::u16string(u"Printer")); }));
+  EXPECT_EQ(Err::ObjectNotFound, Refused([&] { return adapter->GetProxyString(std::string("Printer"), proxies); }));
 }
 
 // The printed form of proxy strings is checked through `tavix serve`.
@@ -52,17 +45,11 @@ TEST(ObjectAdapter, PassportsConflictOpenAndClose) {
   const uint16_t port = FreePort();
   // Inactive: nothing is opened, so even a foreign address is taken.
   ASSERT_TRUE(adapter->AddPassport(Endpoint(port, "10.0.0.1")));
-  const struct {
-    std::string endpoint;
-    uint32_t error;
-  } refused[] = {{Endpoint(port), Err::PassportConflict},
-                 {Endpoint(port, "10.0.0.1"), Err::PassportConflict},
-                 {"sctp -h #any -p " + std::to_string(port), Err::UnsupportedFunction},
-                 {"tcp -h #any", Err::BadPassportString}};
-  for (const auto& c : refused) {
-    TavixSetLastError(0);
-    EXPECT_FALSE(adapter->AddPassport(c.endpoint)) << c.endpoint;
-    EXPECT_EQ(c.error, TavixGetLastError()) << c.endpoint;
+  const std::pair<std::string, uint32_t> refused[] = {
+      {Endpoint(port), Err::PassportConflict}, {Endpoint(port, "10.0.0.1"), Err::PassportConflict},
+      {"sctp -h #any -p " + std::to_string(port), Err::UnsupportedFunction}, {"tcp -h #any", Err::BadPassportString}};
+  for (const auto& [endpoint, error] : refused) {
+    EXPECT_EQ(error, Refused([&] { return adapter->AddPassport(endpoint); })) << endpoint;
   }
   EXPECT_TRUE(adapter->AddPassport(Endpoint(port, "10.0.0.2"))) << "another host, no conflict";
   const uint16_t local = FreePort();
@@ -78,12 +65,10 @@ TEST(ObjectAdapter, PassportsConflictOpenAndClose) {
   ASSERT_EQ(Header(MSG_VALIDATE, 20), before.Receive(HEADER_SIZE));
 
   // Active: a passport is opened at once, and its failure is the caller's.
-  EXPECT_FALSE(adapter->AddPassport(Endpoint(FreePort(), "10.0.0.3")));
-  EXPECT_EQ(Err::CannotCreateAcceptor, TavixGetLastError());
+  EXPECT_EQ(Err::CannotCreateAcceptor, Refused([&] { return adapter->AddPassport(Endpoint(FreePort(), "10.0.0.3")); }));
   auto other = MakeShared<ObjectAdapter>();
   other->Activate();
-  EXPECT_FALSE(other->AddPassport(Endpoint(local)));
-  EXPECT_EQ(static_cast<uint32_t>(EADDRINUSE), TavixGetLastError());
+  EXPECT_EQ(static_cast<uint32_t>(EADDRINUSE), Refused([&] { return other->AddPassport(Endpoint(local)); }));
 
   std::vector<std::string> proxies{"kept"};
   EXPECT_TRUE(adapter->GetProxyString(std::string("Obj"), proxies));

@@ -1,14 +1,6 @@
-// The whole server over real TCP, driven by raw-socket clients: the
-// validation bytes, the stream kept in step, every way a connection's loop
-// ends (reason, log line, reaping), many clients at once, and shutdown
-// under a running request.
-#include <gtest/gtest.h>
-
-#include <atomic>
+// The whole server over real TCP, driven by raw-socket clients: the validation bytes, the stream kept in step, every
+// way a connection's loop ends (reason, log line, reaping), many clients at once, and shutdown under a running request.
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "tavix/invoke/object_helper.h"
 #include "tavix/invoke/wire_test_util.h"
@@ -25,6 +17,10 @@ class Servant : public Object {
   void Dispatch(ObjectHelper& request) override {
     const Context& ctx = request.GetContext();
     const std::u16string& op = ctx.operation;
+    if (op == u"Std") throw std::runtime_error("disk on fire");
+    if (op == u"Int") throw 42;
+    if (op == u"Fault") throw Win32SE(nullptr);
+    if (op == u"Library") TavixThrow(Err::BlobIoError);
     if (op == u"Echo") {
       std::u16string text;
       request.is()->read(text);
@@ -40,14 +36,6 @@ class Servant : public Object {
       request.os()->write(ctx.peerAddress);
       request.os()->write(static_cast<int32_t>(ctx.peerPort));
       request.os()->write(static_cast<int32_t>(ctx.connectionId));
-    } else if (op == u"Std") {
-      throw std::runtime_error("disk on fire");
-    } else if (op == u"Int") {
-      throw 42;
-    } else if (op == u"Fault") {
-      throw Win32SE(nullptr);
-    } else if (op == u"Library") {
-      TavixThrow(Err::BlobIoError);
     } else {
       Object::Dispatch(request);
     }
@@ -75,35 +63,33 @@ class ServerTest : public ::testing::Test {
   TestServer m_server{m_servant};
 };
 
-Bytes Text(const std::u16string& text) { return Writer().wstr(text).get(); }
-
 TEST_F(ServerTest, PipelinedRequestsStayInStep) {
   RawClient client;
   Connect(client);
   Bytes batch;
   for (int32_t id = 1; id <= 40; ++id) {
     // Every third one is one-way and must stay silent.
-    batch = Concat(batch, Request(id % 3 == 0 ? 0 : id, u"A", u"Echo", Text(WiddenString(std::to_string(id)))));
+    batch = Concat(batch, Request(id % 3 == 0 ? 0 : id, u"A", u"Echo", WStr(WiddenString(std::to_string(id)))));
   }
   // Bodies larger than a block left unread by the server: an unknown
   // operation, an unknown object, a one-way call with junk arguments.
   batch = Concat(batch, Request(41, u"A", u"NoSuchOperation", Bytes(150000, 0xEE)));
   batch = Concat(batch, Request(42, u"Nobody", u"Echo", Bytes(70000, 0xEE)));
   batch = Concat(batch, Request(0, u"A", u"ObjectPing", Bytes(70000, 0xEE)));
-  batch = Concat(batch, Request(43, u"A", u"Echo", Text(std::u16string(40000, u'w'))));
+  batch = Concat(batch, Request(43, u"A", u"Echo", WStr(std::u16string(40000, u'w'))));
   ASSERT_TRUE(client.Send(batch));
   for (int32_t id = 1; id <= 40; ++id) {
     if (id % 3 == 0) continue;
     const Reply reply = ParseReply(client.ReceiveMessage());
     ASSERT_EQ(id, reply.requestId);
-    EXPECT_EQ(Text(WiddenString(std::to_string(id))), reply.results);
+    EXPECT_EQ(WStr(WiddenString(std::to_string(id))), reply.results);
   }
   EXPECT_EQ(Err::OperationNotFound, ParseReply(client.ReceiveMessage()).status);
   EXPECT_EQ(Err::ObjectNotFound, ParseReply(client.ReceiveMessage()).status);
   const Reply big = ParseReply(client.ReceiveMessage());
   EXPECT_EQ(43, big.requestId);
   EXPECT_EQ(36 + 5 + 80000, big.size) << "a reply larger than 64 KiB";
-  EXPECT_EQ(Text(std::u16string(40000, u'w')), big.results);
+  EXPECT_EQ(WStr(std::u16string(40000, u'w')), big.results);
   EXPECT_TRUE(client.Silent(100));
 }
 
@@ -112,8 +98,8 @@ TEST_F(ServerTest, ContextAndLogNameTheClientAsTheSocketSeesIt) {
   RawClient client;
   Connect(client);
   const Reply reply = Call(client, Request(9, u"A", u"Peer"));
-  ASSERT_EQ(Text(u"127.0.0.1").size() + 8, reply.results.size());
-  EXPECT_EQ(Text(u"127.0.0.1"), Bytes(reply.results.begin(), reply.results.begin() + 19));
+  ASSERT_EQ(WStr(u"127.0.0.1").size() + 8, reply.results.size());
+  EXPECT_EQ(WStr(u"127.0.0.1"), Bytes(reply.results.begin(), reply.results.begin() + 19));
   const int32_t port = ReadI32(reply.results, 19);
   const int32_t handle = ReadI32(reply.results, 23);
   EXPECT_TRUE(log.Has(FormatString(u"Thread for client %d(127.0.0.1:%d) started.", handle, port)));
@@ -122,33 +108,26 @@ TEST_F(ServerTest, ContextAndLogNameTheClientAsTheSocketSeesIt) {
   EXPECT_TRUE(log.Has(FormatString(u"Thread for client %d(127.0.0.1:%d) stoped.", handle, port)));
 }
 
-// Each client ends its own connection in one way; a bystander never
-// notices, ended connections are reaped at the next accept, and a broken
-// request is never answered.
+// Each client ends its own connection in one way; a bystander never notices, ended connections are reaped at the next
+// accept, and a broken request is never answered.
 TEST_F(ServerTest, EveryLoopEndingHasItsReasonAndLogLine) {
-  Bytes badCrc = Header(MSG_CLOSE, 20);
+  Bytes badCrc = Header(MSG_CLOSE, 20), cutShort = Request(5, u"A", u"Echo", WStr(u"never complete"));
   badCrc[18] ^= 0x01;
-  Bytes cutShort = Request(5, u"A", u"Echo", Text(u"never complete"));
   cutShort.resize(30);
-  const struct {
-    Bytes send;
-    bool vanish;  // the client closes right after sending
-    TavixDisconnectReason reason;
-    std::u16string line;
-  } cases[] = {
+  const std::u16string received = u"ERROR: Receive packect error(-2): ", thrown = u"ERROR: Tavix Exception catched: ";
+  // What a client sends, whether it closes right after sending, the reason reported and the log line written.
+  const std::tuple<Bytes, bool, TavixDisconnectReason, std::u16string> cases[] = {
       {Header(MSG_CLOSE, 20), false, DISCONNECT_NORMAL, u""},
-      {badCrc, false, DISCONNECT_RECV_ERROR, u"ERROR: Receive packect error(-2): 536870945,CRC check error."},
-      {Header(MSG_REQUEST, -5), false, DISCONNECT_RECV_ERROR,
-       u"ERROR: Receive packect error(-2): 536871940,Illegal size"},
+      {badCrc, false, DISCONNECT_RECV_ERROR, received + u"536870945,CRC check error."},
+      {Header(MSG_REQUEST, -5), false, DISCONNECT_RECV_ERROR, received + u"536871940,Illegal size"},
       {Bytes(8, 0x58), true, DISCONNECT_NETWORK_CLOSED, u"ERROR: Network Closed when receive packect(0)."},
       {Header(MSG_VALIDATE, 20), false, DISCONNECT_PROTOCOL_ERROR,
        u"ERROR: Request not supported::536870927,Message type not support."},
       {Header(MSG_REQUEST, 20), false, DISCONNECT_LIBRARY_EXCEPTION,
-       u"ERROR: Tavix Exception catched: 536871938,Unmarshal or marshal Out Of Bounds"},
-      {cutShort, true, DISCONNECT_LIBRARY_EXCEPTION,
-       u"ERROR: Tavix Exception catched: 536870912,Connection has been closed."},
+       thrown + u"536871938,Unmarshal or marshal Out Of Bounds"},
+      {cutShort, true, DISCONNECT_LIBRARY_EXCEPTION, thrown + u"536870912,Connection has been closed."},
       {Request(4, u"A", u"Library"), false, DISCONNECT_LIBRARY_EXCEPTION,
-       u"ERROR: Tavix Exception catched: 536871944,Error when read or write blob"},
+       thrown + u"536871944,Error when read or write blob"},
       {Request(4, u"A", u"Std"), false, DISCONNECT_OTHER_ERROR, u"ERROR: STD exception cathed: disk on fire."},
       {Request(4, u"A", u"Int"), false, DISCONNECT_OTHER_ERROR, u"ERROR: Unknown exception cathed."},
       {Request(4, u"A", u"Fault"), false, DISCONNECT_SYSTEM_EXCEPTION, u"ERROR: Win32 SE catched."},
@@ -159,17 +138,16 @@ TEST_F(ServerTest, EveryLoopEndingHasItsReasonAndLogLine) {
   for (size_t i = 0; i < std::size(cases); ++i) {
     LogLines log;
     Connect(clients[i]);
-    ASSERT_TRUE(clients[i].Send(cases[i].send));
-    if (cases[i].vanish) clients[i].Close();
-    EXPECT_EQ(cases[i].reason, m_disconnects.Next()) << i;
-    EXPECT_TRUE(cases[i].line.empty() || log.Has(cases[i].line)) << NarrowString(cases[i].line);
+    const auto& [send, vanish, reason, line] = cases[i];
+    ASSERT_TRUE(clients[i].Send(send));
+    if (vanish) clients[i].Close();
+    EXPECT_EQ(reason, m_disconnects.Next()) << i;
+    EXPECT_TRUE(line.empty() || log.Has(line)) << NarrowString(line);
   }
   RawClient next;
   Connect(next);
   for (size_t i = 0; i < std::size(cases); ++i) {
-    if (!cases[i].vanish) {
-      EXPECT_TRUE(clients[i].ClosedByPeer(2000)) << "not reaped, or answered: " << i;
-    }
+    EXPECT_TRUE(std::get<1>(cases[i]) || clients[i].ClosedByPeer(2000)) << "not reaped, or answered: " << i;
   }
   EXPECT_EQ(0, m_server.adapter->GetInvocationCount());
   EXPECT_EQ(0u, Call(bystander, Request(2, u"A", u"ObjectPing")).status);
@@ -183,7 +161,7 @@ TEST_F(ServerTest, HundredSimultaneousClients) {
   std::vector<std::thread> threads;
   for (int i = 0; i < kClients; ++i) {
     threads.emplace_back([&, i] {
-      const Bytes text = Text(u"client " + WiddenString(std::to_string(i)));
+      const Bytes text = WStr(u"client " + WiddenString(std::to_string(i)));
       for (int32_t call = 1; call <= 3; ++call) {
         const Reply reply = Call(clients[static_cast<size_t>(i)], Request(call, u"A", u"Echo", text));
         if (reply.requestId == call && reply.status == 0 && reply.results == text) answered.fetch_add(1);
@@ -195,8 +173,7 @@ TEST_F(ServerTest, HundredSimultaneousClients) {
 }
 
 TEST_F(ServerTest, DeactivateRefusesNewRequestsAndWaitsForRunningOnes) {
-  RawClient slow;
-  RawClient fast;
+  RawClient slow, fast;
   Connect(slow);
   Connect(fast);
   ASSERT_TRUE(slow.Send(Request(1, u"A", u"Sleep")));
@@ -206,7 +183,7 @@ TEST_F(ServerTest, DeactivateRefusesNewRequestsAndWaitsForRunningOnes) {
   EXPECT_EQ(Err::AdapterInactive, Call(fast, Request(2, u"A", u"ObjectPing")).status);
   const uint64_t start = platform::TickCountMs();
   m_server.adapter->WaitUntilDeactivate();
-  const uint64_t waited = platform::TickCountMs() - start;
+  const uint64_t waited = MsSince(start);
   EXPECT_EQ(0, m_server.adapter->GetInvocationCount());
   EXPECT_GE(waited, 100u);
   EXPECT_LT(waited, 3000u);

@@ -1,16 +1,6 @@
-// Client calls end to end: proxies made from proxy strings, calls against a
-// real adapter in this process, and fault cases against a raw server that
-// sends exactly the bytes a test wants.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <functional>
+// Client calls end to end: proxies made from proxy strings, typed operations, calls against a real adapter in this
+// process, and fault cases against a raw server that sends exactly the bytes a test wants.
 #include <list>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "tavix/client/typed_call.h"
 #include "tavix/invoke/wire_test_util.h"
@@ -24,22 +14,29 @@ using std::chrono::steady_clock;
 
 using EchoOp = Operation<u"Echo", In<std::u16string>, Out<std::u16string>>;
 using MissingOp = Operation<u"Missing">;
+using MixOp = Operation<u"Mix", In<int32_t, std::u16string, std::vector<double>>, Out<bool, std::string, int64_t>>;
 using NoteOp = OneWayOperation<u"Note", In<std::u16string>>;
-using SleepOp = Operation<u"Sleep">;
+
+// The table order is checked when compiling.
+static_assert(typed_call_detail::StrictlyAscending(std::array<std::u16string_view, 4>{u"A", u"B", u"a", u"\u00e9"}));
+static_assert(!typed_call_detail::StrictlyAscending(std::array<std::u16string_view, 2>{u"Echo", u"Echo"}));
+static_assert(!typed_call_detail::StrictlyAscending(std::array<std::u16string_view, 2>{u"EchoBlob", u"Echo"}));
 
 class TestServant final : public Object {
  public:
-  uint32_t Echo(const std::u16string& in, std::u16string& out, const Context&) {
-    out = in;
-    return 0;
+  std::atomic<uint32_t> mixStatus{0};
+
+  uint32_t Echo(const std::u16string& in, std::u16string& out, const Context&) { return out = in, 0; }
+  uint32_t Mix(const int32_t& n, const std::u16string& text, const std::vector<double>& values, bool& flag,
+               std::string& narrow, int64_t& sum, const Context& ctx) {
+    flag = ctx.operation == u"Mix";
+    narrow = NarrowString(text);
+    sum = n + static_cast<int64_t>(values.size()) + (int64_t{1} << 56);
+    return mixStatus;
   }
   uint32_t Note(const std::u16string& text, const Context&) {
     std::lock_guard lock(m_mutex);
     m_notes.push_back(text);
-    return 0;
-  }
-  uint32_t Sleep(const Context&) {
-    platform::SleepMs(400);
     return 0;
   }
   std::vector<std::u16string> Notes() {
@@ -47,8 +44,8 @@ class TestServant final : public Object {
     return m_notes;
   }
   void Dispatch(ObjectHelper& request) override {
-    ServantTable<TestServant, Entry<EchoOp, &TestServant::Echo>, Entry<NoteOp, &TestServant::Note>,
-                 Entry<SleepOp, &TestServant::Sleep>>::Dispatch(*this, request);
+    ServantTable<TestServant, Entry<EchoOp, &TestServant::Echo>, Entry<MixOp, &TestServant::Mix>,
+                 Entry<NoteOp, &TestServant::Note>>::Dispatch(*this, request);
   }
 
  private:
@@ -56,8 +53,8 @@ class TestServant final : public Object {
   std::vector<std::u16string> m_notes;
 };
 
-// A raw server on 127.0.0.1: accepts connections one after another and
-// runs the next script on each; connections stay open until it goes.
+// A raw server on 127.0.0.1: accepts connections one after another and runs the next script on each; connections
+// stay open until it goes.
 class FakeServer {
  public:
   using Script = std::function<void(RawClient&)>;
@@ -113,24 +110,17 @@ TEST_F(ProxyTest, ProxyStringsSplitAtTheFirstColon) {
   SmartPtr<ProxyObject> proxy = Proxy("Printer:tcp -h 10.0.0.1 -p 5678 -t 250");
   EXPECT_EQ(u"Printer", proxy->ObjectName());
   EXPECT_EQ(250u, proxy->Timeout());
-  const struct {
-    const char* text;
-    uint32_t error;
-  } bad[] = {{"no colon here", Err::BadProxyString},
-             {":tcp -h a -p 1", Err::BadProxyString},
-             {"A:tcp -h a", Err::BadPassportString},
-             {"A:b:tcp -h a -p 1", Err::UnsupportedFunction}};
-  for (const auto& c : bad) {
-    TavixSetLastError(0);
-    EXPECT_FALSE(CreateProxy(m_client, c.text)) << c.text;
-    EXPECT_EQ(c.error, TavixGetLastError()) << c.text;
+  const std::pair<const char*, uint32_t> bad[] = {
+      {"no colon here", Err::BadProxyString}, {":tcp -h a -p 1", Err::BadProxyString},
+      {"A:tcp -h a", Err::BadPassportString}, {"A:b:tcp -h a -p 1", Err::UnsupportedFunction}};
+  for (const auto& [text, error] : bad) {
+    EXPECT_EQ(error, Refused([&] { return CreateProxy(m_client, text); })) << text;
   }
 }
 
 TEST_F(ProxyTest, CallsReachTheServantAndStatusesComeBack) {
   TestServer server(m_servant);
   SmartPtr<ProxyObject> proxy = Proxy(server.ProxyString());
-
   std::u16string out;
   EXPECT_EQ(0u, Invoke<EchoOp>(*proxy, std::u16string(300, u'x'), out));
   EXPECT_EQ(std::u16string(300, u'x'), out);
@@ -164,21 +154,49 @@ TEST_F(ProxyTest, CallsReachTheServantAndStatusesComeBack) {
   EXPECT_EQ((std::vector<std::u16string>{u"one-way", u"recorded"}), m_servant->Notes()) << "served in order";
 }
 
-TEST_F(ProxyTest, TimeoutClosesTheConnectionAndAutoReconnectReopensIt) {
+// The typed skeleton's reply bytes to a raw client, then the typed proxy against the same servant.
+TEST_F(ProxyTest, TypedSkeletonAndProxyMarshalTheSameValuesInOrder) {
   TestServer server(m_servant);
-  SmartPtr<ProxyObject> proxy = Proxy(server.ProxyString(150));
-  ASSERT_EQ(0u, proxy->ObjectPing());
-  const auto start = steady_clock::now();
-  EXPECT_EQ(Err::ReceiveTimeout, Invoke<SleepOp>(*proxy));
-  EXPECT_LT(steady_clock::now() - start, milliseconds(350));
-  EXPECT_EQ(Err::ProxyClosed, proxy->ObjectPing());
-  proxy->AutoReconnect(true);
-  EXPECT_EQ(0u, proxy->ObjectPing());
+  RawClient raw;
+  ASSERT_TRUE(raw.Connect(server.port));
+  raw.Receive(HEADER_SIZE);
+  const Bytes mixArguments = Writer().i32(40).wstr(u"h\u00e9").u8(2).f64(1.5).f64(-2.0).get();
+  ASSERT_TRUE(raw.Send(Request(11, u"A", u"Mix", mixArguments)));
+  const Reply reply = ParseReply(raw.ReceiveMessage());
+  EXPECT_EQ(0u, reply.status);
+  // bool true, "hé" as three UTF-8 bytes, 2^56 + 40 + 2 as eight bytes.
+  EXPECT_EQ("01 03 68 C3 A9 2A 00 00 00 00 00 00 01", Hex(reply.results));
+  EXPECT_EQ(36 + 13, reply.size);
+
+  SmartPtr<ProxyObject> proxy = Proxy(server.ProxyString());
+  SmartPtr<ITavixBlob> recorded = CreateTavixMemBlob();
+  const std::u16string text(u"h\u00e9");
+  ASSERT_EQ(0u, Record<MixOp>(*proxy, recorded, 40, text, std::vector<double>{1.5, -2.0}));
+  const Bytes sent = BlobBytes(recorded);
+  EXPECT_EQ(Hex(Request(ReadI32(sent, 20), u"A", u"Mix", mixArguments)), Hex(sent));
+  bool flag = false;
+  std::string narrow;
+  int64_t sum = 0;
+  ASSERT_EQ(0u, Invoke<MixOp>(*proxy, 40, text, std::vector<double>{1.5, -2.0}, flag, narrow, sum));
+  EXPECT_TRUE(flag);
+  EXPECT_EQ("h\xC3\xA9", narrow);
+  EXPECT_EQ(0x010000000000002A, sum);
+  EXPECT_EQ(static_cast<int32_t>(sent.size()), proxy->GetLastPerfmon().requestSize);
+  EXPECT_EQ(36 + 13, proxy->GetLastPerfmon().replySize);
+
+  EXPECT_EQ(0u, Invoke<NoteOp>(*proxy, std::u16string(u"hi")));
+  m_servant->mixStatus = 0x77;
+  flag = false;
+  narrow = "kept";
+  EXPECT_EQ(0x77u, Invoke<MixOp>(*proxy, 1, std::u16string(), std::vector<double>{}, flag, narrow, sum));
+  EXPECT_EQ(36, proxy->GetLastPerfmon().replySize) << "no results with an error status";
+  EXPECT_FALSE(flag);
+  EXPECT_EQ("kept", narrow) << "outs are written only on success";
+  EXPECT_EQ(std::vector<std::u16string>{u"hi"}, m_servant->Notes()) << "the one-way call came first";
 }
 
 TEST_F(ProxyTest, ServerThatGoesAwayFailsTheCallAndIsReconnectedWhenBack) {
-  SmartPtr<ProxyObject> steady;
-  SmartPtr<ProxyObject> reconnecting;
+  SmartPtr<ProxyObject> steady, reconnecting;
   uint16_t port = 0;
   {
     TestServer server(m_servant);
@@ -200,9 +218,8 @@ TEST_F(ProxyTest, ServerThatGoesAwayFailsTheCallAndIsReconnectedWhenBack) {
   EXPECT_EQ(Err::ProxyClosed, steady->ObjectPing());
 }
 
-// The first call connects and validates, later calls reuse the
-// connection; the close message follows when the proxy goes and when the
-// communicator shuts down.
+// The first call connects and validates, later calls reuse the connection; the close message follows when the
+// proxy goes and when the communicator shuts down.
 TEST_F(ProxyTest, FirstCallValidatesAndTheEndSendsClose) {
   std::vector<Bytes> requests;
   Bytes closes[2];
@@ -228,14 +245,11 @@ TEST_F(ProxyTest, FirstCallValidatesAndTheEndSendsClose) {
   EXPECT_EQ(Err::CommunicatorClosed, proxy->ObjectPing());
   ASSERT_EQ(4u, requests.size());
   const int32_t first = ReadI32(requests[0], 20);
-  for (int i = 0; i < 4; ++i) {
-    EXPECT_EQ(Hex(Request(first + i, u"A", u"ObjectPing")), Hex(requests[static_cast<size_t>(i)]));
-  }
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(Hex(Request(first + i, u"A", u"ObjectPing")), Hex(requests[i]));
   for (const Bytes& closing : closes) EXPECT_EQ(Header(MSG_CLOSE, HEADER_SIZE), closing);
 }
 
-// What the server does wrong and the call's result; the connection is
-// closed afterwards (0x20000020).
+// What the server does wrong and the call's result; the connection is closed afterwards (0x20000020).
 TEST_F(ProxyTest, BrokenServersFailTheCallWithTheirCode) {
   const auto validateThen = [](std::function<void(RawClient&, const Bytes&)> act) {
     return [act](RawClient& peer) {
@@ -244,15 +258,13 @@ TEST_F(ProxyTest, BrokenServersFailTheCallWithTheirCode) {
       peer.ReceiveMessage();  // a second ping would show here; the client hangs up instead
     };
   };
-  Bytes badCrc = Header(MSG_VALIDATE, HEADER_SIZE);
+  const auto sends = [&](const Bytes& bytes) {
+    return validateThen([bytes](RawClient& peer, const Bytes&) { EXPECT_TRUE(peer.Send(bytes)); });
+  };
+  Bytes badCrc = Header(MSG_VALIDATE, HEADER_SIZE), badMagic = PingReply(Request(1, u"A", u"ObjectPing"));
   badCrc[19] ^= 0xFF;
-  Bytes badMagic = PingReply(Request(1, u"A", u"ObjectPing"));
   badMagic[0] = 'Y';
-  const struct {
-    const char* what;
-    FakeServer::Script script;
-    uint32_t result;
-  } cases[] = {
+  const std::tuple<const char*, FakeServer::Script, uint32_t> cases[] = {
       {"wrong validation type", [](RawClient& peer) { EXPECT_TRUE(peer.Send(Header(MSG_REPLY, HEADER_SIZE))); },
        Err::ValidateFail},
       {"validation with a broken CRC", [badCrc](RawClient& peer) { EXPECT_TRUE(peer.Send(badCrc)); }, Err::CrcError},
@@ -262,28 +274,24 @@ TEST_F(ProxyTest, BrokenServersFailTheCallWithTheirCode) {
          EXPECT_TRUE(peer.Send(ReplyMessage(ReadI32(r, 20) + 7, 0)));
        }),
        Err::ReplyIdError},
-      {"reply of another type",
-       validateThen([](RawClient& peer, const Bytes&) { EXPECT_TRUE(peer.Send(Header(MSG_VALIDATE, 36))); }),
-       Err::ReplyTypeError},
-      {"reply with a broken header",
-       validateThen([badMagic](RawClient& peer, const Bytes&) { EXPECT_TRUE(peer.Send(badMagic)); }), Err::BadMagic},
+      {"reply of another type", sends(Header(MSG_VALIDATE, 36)), Err::ReplyTypeError},
+      {"reply with a broken header", sends(badMagic), Err::BadMagic},
       {"no reply", validateThen([](RawClient&, const Bytes&) {}), Err::ReceiveTimeout},
       {"server gone mid-call", validateThen([](RawClient& peer, const Bytes&) { peer.Close(); }),
        Err::ConnectionClosed},
   };
-  for (const auto& c : cases) {
-    FakeServer server({c.script});
+  for (const auto& [what, script, result] : cases) {
+    FakeServer server({script});
     SmartPtr<ProxyObject> proxy = Proxy(server.ProxyString(300));
     const auto start = steady_clock::now();
-    EXPECT_EQ(c.result, proxy->ObjectPing()) << c.what;
-    EXPECT_LT(steady_clock::now() - start, milliseconds(1000)) << c.what;
-    EXPECT_EQ(Err::ProxyClosed, proxy->ObjectPing()) << c.what;
+    EXPECT_EQ(result, proxy->ObjectPing()) << what;
+    EXPECT_LT(steady_clock::now() - start, milliseconds(1000)) << what;
+    EXPECT_EQ(Err::ProxyClosed, proxy->ObjectPing()) << what;
   }
 }
 
 TEST_F(ProxyTest, RecordedRequestsMatchSentOnesAndAreSentAsTheyAre) {
-  Bytes sentNote;
-  Bytes replayed;
+  Bytes sentNote, replayed;
   FakeServer server({[&](RawClient& peer) {
     EXPECT_TRUE(peer.Send(Header(MSG_VALIDATE, HEADER_SIZE)));
     sentNote = peer.ReceiveMessage();
@@ -295,9 +303,8 @@ TEST_F(ProxyTest, RecordedRequestsMatchSentOnesAndAreSentAsTheyAre) {
   SmartPtr<ProxyObject> proxy = Proxy(server.ProxyString());
 
   // Recording neither connects nor waits.
-  SmartPtr<ITavixBlob> note = CreateTavixMemBlob();
+  SmartPtr<ITavixBlob> note = CreateTavixMemBlob(), echo = CreateTavixMemBlob();
   ASSERT_EQ(0u, Record<NoteOp>(*proxy, note, std::u16string(u"hello")));
-  SmartPtr<ITavixBlob> echo = CreateTavixMemBlob();
   ASSERT_EQ(0u, Record<EchoOp>(*proxy, echo, std::u16string(u"again")));
   {
     // The plain pattern, recording into a blob of the helper's own.

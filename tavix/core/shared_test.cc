@@ -1,5 +1,7 @@
+// Shared objects and their smart pointers: null access, counting edge cases, concurrent release and ordering.
 #include "tavix/core/shared.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -29,12 +31,8 @@ struct Resurrecting : public virtual Shared {
 
 TEST(SmartPtrTest, NullDereferenceRaisesRuntimeError) {
   SmartPtr<Counted> empty;
-  try {
-    empty->m_deletions = nullptr;
-    FAIL() << "no exception";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ("Null pointer referenced", e.what());
-  }
+  EXPECT_THAT([&] { empty->m_deletions = nullptr; },
+              ::testing::ThrowsMessage<std::runtime_error>(::testing::StrEq("Null pointer referenced")));
   EXPECT_THROW(*empty, std::runtime_error);
   EXPECT_EQ(nullptr, empty.get());
 }

@@ -1,7 +1,9 @@
+// The trace log: its byte-order mark and line header, line ends, the size limit, failures and lines from many threads.
 #include "tavix/core/trace_log.h"
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -38,10 +40,8 @@ class TraceLogTest : public ::testing::Test {
     std::vector<std::string> lines;
     // The text after the byte-order mark, UTF-16 little-endian.
     const std::string bytes = Bytes();
-    std::u16string wide;
-    for (size_t i = 2; i + 1 < bytes.size(); i += 2) {
-      wide.push_back(static_cast<char16_t>(static_cast<uint8_t>(bytes[i]) | static_cast<uint8_t>(bytes[i + 1]) << 8));
-    }
+    std::u16string wide(bytes.size() < 2 ? 0 : bytes.size() / 2 - 1, u'\0');
+    std::memcpy(wide.data(), bytes.data() + 2, wide.size() * 2);
     const std::string text = NarrowString(wide);
     size_t start = 0;
     for (size_t end; (end = text.find("\r\n", start)) != std::string::npos; start = end + 2) {
@@ -79,19 +79,16 @@ TEST_F(TraceLogTest, FirstLineGetsByteOrderMarkAndExactHeader) {
 
 TEST_F(TraceLogTest, EveryLineEndsInExactlyOneCrLf) {
   TraceLog log(m_path);
-  const char16_t* const sent[] = {u"lf\n", u"crlf\r\n", u"none", u"ab\nc"};  // a break and what follows go
-  for (const char16_t* text : sent) log.Append(text);
+  const std::pair<const char16_t*, const char*> sent[] = {{u"lf\n", "lf"}, {u"crlf\r\n", "crlf"}, {u"none", "none"},
+                                                           {u"ab\nc", "ab"}};  // a break and what follows go
+  for (const auto& c : sent) log.Append(c.first);
   const auto lines = Lines();
   ASSERT_EQ(4u, lines.size());
-  const char* const expected[] = {"lf", "crlf", "none", "ab"};
-  for (size_t i = 0; i < 4; ++i) EXPECT_EQ(expected[i], lines[i].substr(38));
+  for (size_t i = 0; i < 4; ++i) EXPECT_EQ(sent[i].second, lines[i].substr(38));
 }
 
 TEST_F(TraceLogTest, FileAtSizeLimitIsEmptiedBeforeNextLine) {
-  {
-    std::ofstream out(m_path, std::ios::binary);
-    out << std::string(0x200000, 'x');
-  }
+  std::ofstream(m_path, std::ios::binary) << std::string(0x200000, 'x');
   TraceLog log(m_path);
   const int written = log.Append(u"after");
   EXPECT_EQ(2 + 2 * static_cast<size_t>(written), Bytes().size());

@@ -1,10 +1,7 @@
 #include "tavix/invoke/messages.h"
 
-#include <gtest/gtest.h>
-
 #include <set>
 #include <thread>
-#include <vector>
 
 #include "tavix/core/errors.h"
 #include "tavix/marshal/marshal_test_util.h"
@@ -53,8 +50,7 @@ TEST(RequestMessage, LongNamesLengthsAndLimits) {
   uint8_t extra = 0;
   EXPECT_EQ(CodeOf([&] { whole.stream.readBlob(&extra, 1); }), Err::OutOfBounds) << "read past the body";
 
-  // Writing more than announced fails; so does a body cut short or a
-  // negative size prefix.
+  // Writing more than announced fails; so does a body cut short or a negative size prefix.
   EXPECT_EQ(CodeOf([&] {
               Message(MSG_REQUEST, head.lengthOf(), [&](BasicStream& s) { head.write(s), s.write(int32_t{0}); });
             }),

@@ -1,12 +1,10 @@
-// One request's way through ObjectHelper and the servant base, sent by a
-// raw client so that the exact reply bytes can be checked.
+// One request's way through ObjectHelper and the servant base, sent by a raw client so that the exact reply bytes
+// can be checked; and what a connection sends outside of calls, with the one loop ending a TCP client cannot cause:
+// the validation message failing to go out.
 #include "tavix/invoke/object.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <string>
-
+#include "tavix/adapter/tcp_connection_factory.h"
+#include "tavix/invoke/connection.h"
 #include "tavix/invoke/object_helper.h"
 #include "tavix/invoke/wire_test_util.h"
 
@@ -91,11 +89,7 @@ TEST_F(RequestTest, ErrorRepliesEchoTheIdAndCarryNoResults) {
   // Before any servant runs the server time is exactly 0.0.
   EXPECT_EQ(Hex(ReplyMessage(3, Err::ObjectNotFound)), Hex(Call(Request(3, u"B", u"ObjectPing"))));
   m_servant->pingStatus = 5;
-  const struct {
-    std::u16string object;
-    std::u16string operation;
-    uint32_t status;
-  } cases[] = {
+  const std::tuple<const char16_t*, const char16_t*, uint32_t> cases[] = {
       {u"a", u"ObjectPing", Err::ObjectNotFound},
       {u"A", u"Print", Err::OperationNotFound},
       {u"A", u"objectping", Err::OperationNotFound},
@@ -103,9 +97,9 @@ TEST_F(RequestTest, ErrorRepliesEchoTheIdAndCarryNoResults) {
       {u"A", u"Forget", Err::Unhandled},
   };
   int32_t id = 10;
-  for (const auto& c : cases) {
-    const Reply reply = ParseReply(Call(Request(++id, c.object, c.operation)));
-    EXPECT_EQ(c.status, reply.status) << NarrowString(c.operation);
+  for (const auto& [object, operation, status] : cases) {
+    const Reply reply = ParseReply(Call(Request(++id, object, operation)));
+    EXPECT_EQ(status, reply.status) << NarrowString(operation);
     EXPECT_EQ(id, reply.requestId);
     EXPECT_EQ(36, reply.size);
   }
@@ -115,8 +109,7 @@ TEST_F(RequestTest, ErrorRepliesEchoTheIdAndCarryNoResults) {
   EXPECT_EQ(pings, m_servant->pings);
 }
 
-// Whatever happens to a one-way request, the next reply is the two-way
-// request's after it.
+// Whatever happens to a one-way request, the next reply is the two-way request's after it.
 TEST_F(RequestTest, OneWayRequestsRunAndSendNothing) {
   m_servant->pingStatus = 7;
   Bytes oneWays;
@@ -130,6 +123,55 @@ TEST_F(RequestTest, OneWayRequestsRunAndSendNothing) {
   EXPECT_EQ(1, m_servant->oneway.load());
   m_server.adapter->Deactivate();
   EXPECT_EQ(21, ParseReply(Call(Concat(Request(0, u"A", u"ObjectPing"), Request(21, u"A", u"ObjectPing")))).requestId);
+}
+
+// Keeps what is sent, or fails every send with `sendError`; never has anything to read.
+class SendOnlyTransceiver : public TcpTransceiver {
+ public:
+  explicit SendOnlyTransceiver(int32_t type = 1) : m_type(type) {}
+  int32_t GetHandle() const override { return 0x7FFF0000; }  // never a descriptor of this process
+  int32_t Type() const override { return m_type; }
+  int32_t Send(const void* buffer, int32_t length) override {
+    if (sendError != 0) return TavixSetLastError(sendError), -1;
+    sent.insert(sent.end(), static_cast<const uint8_t*>(buffer), static_cast<const uint8_t*>(buffer) + length);
+    return length;
+  }
+
+  Bytes sent;
+  uint32_t sendError = 0;
+
+ private:
+  const int32_t m_type;
+};
+
+// The validation and close bytes over TCP are checked by the server and proxy tests; datagrams are not validated.
+TEST(Connection, DatagramsAreNotValidated) {
+  auto udp = MakeShared<SendOnlyTransceiver>(2);
+  Connection datagram;
+  datagram.SetTransceiver(SmartPtr<ITransceiver>(udp));
+  EXPECT_EQ(0, datagram.SendValidation());
+  EXPECT_EQ(0, datagram.Validate(0));
+  EXPECT_TRUE(udp->sent.empty());
+}
+
+TEST(Connection, FailedValidationIsAReceiveErrorWithoutStopLine) {
+  LogLines log;
+  auto adapter = MakeShared<ObjectAdapter>();
+  int32_t reason = -1;
+  adapter->RegisterDisconnectNotification(
+      [](void* context, TavixDisconnectReason why) { *static_cast<int32_t*>(context) = why; }, &reason);
+  auto transceiver = MakeShared<SendOnlyTransceiver>();
+  transceiver->sendError = EPIPE;
+  auto connection = MakeShared<Connection>(MakeShared<TcpConnectionFactory>(nullptr, adapter));
+  connection->SetTransceiver(SmartPtr<ITransceiver>(transceiver));
+  ASSERT_TRUE(connection->Activate());
+  std::u16string text;
+  GetErrMsg(EPIPE, text);
+  EXPECT_TRUE(log.Has(FormatString(u"ERROR: Send Validation message to client failed:%d,%s.", EPIPE, text)));
+  connection->WaitUntilDestroy();
+  EXPECT_EQ(DISCONNECT_RECV_ERROR, reason);
+  EXPECT_TRUE(log.Has(u"Thread for client  started.", 0));
+  EXPECT_FALSE(log.Has(u"Thread for client  stoped.", 0));
 }
 
 }  // namespace

@@ -1,21 +1,20 @@
-// Test helpers shared by the invocation, adapter and tool tests: byte
-// builders for messages, loopback sockets, a served adapter on a free port,
-// a raw TCP client and a reader of this process's trace-log lines.
-// Header-only: compiled into the test binaries, never into the library.
+// Test helpers shared by the transport, invocation, adapter, client and tool tests: byte builders for messages,
+// loopback sockets, a served adapter on a free port, raw TCP and UDP peers and a reader of this process's trace log.
 #ifndef TAVIX_INVOKE_WIRE_TEST_UTIL_H_
 #define TAVIX_INVOKE_WIRE_TEST_UTIL_H_
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <cstring>
 #include <fstream>
-#include <iterator>
+#include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tavix/adapter/object_adapter.h"
@@ -25,6 +24,7 @@
 #include "tavix/core/text.h"
 #include "tavix/core/trace_log.h"
 #include "tavix/marshal/blob.h"
+#include "tavix/marshal/marshal_test_util.h"
 #include "tavix/marshal/message_header.h"
 #include "tavix/platform/clock.h"
 #include "tavix/platform/process.h"
@@ -36,6 +36,9 @@
 namespace TAVIX::test_wire {
 
 using Bytes = std::vector<uint8_t>;
+using testing::Outcome;
+using testing::OutcomeOf;
+using testing::Refused;
 
 // Little-endian writer of the body encoding.
 class Writer {
@@ -56,6 +59,8 @@ class Writer {
  private:
   Bytes m_bytes;
 };
+
+inline Bytes WStr(const std::u16string& s) { return Writer().wstr(s).get(); }
 
 inline Bytes Header(uint8_t type, int32_t size) {
   MsgHeaderData header;
@@ -98,8 +103,7 @@ inline int32_t ReadI32(const Bytes& b, size_t at) {
 
 // The parts of a reply message.
 struct Reply {
-  int32_t size = 0;
-  int32_t requestId = 0;
+  int32_t size = 0, requestId = 0;
   uint32_t status = 0;
   double serverTime = 0;
   Bytes results;
@@ -143,15 +147,13 @@ inline uint16_t FreePort() {
 }
 
 struct TcpPair {
-  SmartPtr<TcpTransceiver> client;
-  SmartPtr<TcpTransceiver> server;
+  SmartPtr<TcpTransceiver> client, server;
 };
 
 // Both ends of a loopback TCP connection.
 inline TcpPair ConnectedPair() {
   SmartPtr<TcpAcceptor> acceptor = LoopbackAcceptor();
-  SmartPtr<ITransceiver> client;
-  SmartPtr<ITransceiver> server;
+  SmartPtr<ITransceiver> client, server;
   if (!acceptor || TcpTransceiver::Connect(acceptor->Address(), client) != 0) return {};
   acceptor->Accept(server, 2000);
   return {SmartPtr<TcpTransceiver>::DynamicCast(client), SmartPtr<TcpTransceiver>::DynamicCast(server)};
@@ -159,41 +161,75 @@ inline TcpPair ConnectedPair() {
 
 inline uint64_t MsSince(uint64_t start) { return platform::TickCountMs() - start; }
 
-// Adds a TCP passport on every interface: on `port`, or on a free one
-// (retried, since another process may take it first). The port, 0 on failure.
-inline uint16_t Listen(ObjectAdapter& adapter, uint16_t port = 0) {
+// A plain datagram socket on 127.0.0.1.
+class RawUdp {
+ public:
+  RawUdp() {
+    InetAddr address = Loopback(0);
+    uint32_t length = InetAddr::SockAddrLen();
+    EXPECT_TRUE(m_socket.Create(platform::SocketType::kDatagram) && m_socket.Bind(address.SockAddr(), length) &&
+                m_socket.LocalName(address.SockAddr(), length));
+    port = address.Port();
+  }
+  void SendTo(uint16_t to, const Bytes& bytes) {
+    const InetAddr address = Loopback(to);
+    EXPECT_EQ(static_cast<int32_t>(bytes.size()), m_socket.SendTo(bytes.data(), static_cast<int32_t>(bytes.size()),
+                                                                  address.SockAddr(), InetAddr::SockAddrLen()));
+  }
+  // One datagram and its sender's port; empty when none came in time.
+  Bytes Receive(uint32_t timeoutMs = 2000, uint16_t* from = nullptr) {
+    if (m_socket.Poll(platform::PollFor::kRead, timeoutMs) != 1) return {};
+    Bytes bytes(65536);
+    InetAddr sender;
+    uint32_t length = InetAddr::SockAddrLen();
+    const int32_t n = m_socket.RecvFrom(bytes.data(), static_cast<int32_t>(bytes.size()), sender.SockAddr(), length);
+    bytes.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    if (from != nullptr) *from = sender.Port();
+    return bytes;
+  }
+
+  uint16_t port = 0;
+
+ private:
+  platform::Socket m_socket;
+};
+
+// Adds a passport on every interface (TCP) or 127.0.0.1 (UDP): on `port`, or on a free one (retried, since another
+// process may take it first). The port, 0 on failure.
+inline uint16_t Listen(ObjectAdapter& adapter, uint16_t port = 0, const std::string& protocol = "tcp") {
   for (int attempt = 0; attempt < 20; ++attempt) {
-    const uint16_t candidate = port != 0 ? port : FreePort();
-    if (adapter.AddPassport("tcp -h #any -p " + std::to_string(candidate))) return candidate;
+    const uint16_t candidate = port != 0 ? port : protocol == "tcp" ? FreePort() : RawUdp().port;
+    const std::string host = protocol == "tcp" ? " -h #any -p " : " -h 127.0.0.1 -p ";
+    if (adapter.AddPassport(protocol + host + std::to_string(candidate))) return candidate;
     if (port != 0) break;
   }
   return 0;
 }
 
-// One servant in an active adapter of a communicator of its own, listening.
+// One servant in an active adapter of a communicator of its own, listening on TCP or UDP.
 struct TestServer {
-  explicit TestServer(const SmartPtr<Object>& servant, uint16_t wantedPort = 0, const std::string& id = "A")
-      : adapter(communicator->CreateObjectAdapter(std::string("Test"))), name(id) {
+  explicit TestServer(const SmartPtr<Object>& servant, uint16_t wantedPort = 0, const std::string& id = "A",
+                      const std::string& kind = "tcp")
+      : adapter(communicator->CreateObjectAdapter(std::string("Test"))), name(id), protocol(kind) {
     adapter->AddServant(servant, id);
     adapter->Activate();
-    port = Listen(*adapter, wantedPort);
+    port = Listen(*adapter, wantedPort, protocol);
   }
   ~TestServer() { communicator->Destroy(); }
   TestServer(const TestServer&) = delete;
   TestServer& operator=(const TestServer&) = delete;
 
   std::string ProxyString(uint32_t timeoutMs = 2000) const {
-    return name + ":tcp -h 127.0.0.1 -p " + std::to_string(port) + " -t " + std::to_string(timeoutMs);
+    return name + ":" + protocol + " -h 127.0.0.1 -p " + std::to_string(port) + " -t " + std::to_string(timeoutMs);
   }
 
   SmartPtr<Communicator> communicator = Initialize();
   SmartPtr<ObjectAdapter> adapter;
-  std::string name;
+  std::string name, protocol;
   uint16_t port = 0;
 };
 
-// A plain TCP client, on 127.0.0.1 unless told otherwise (or an accepted socket), that sends and
-// receives raw bytes.
+// A plain TCP client, on 127.0.0.1 unless told otherwise (or an accepted socket), that sends and receives raw bytes.
 class RawClient {
  public:
   RawClient() = default;
@@ -234,48 +270,12 @@ class RawClient {
   }
   // True when nothing arrives within the time (the connection stays open).
   bool Silent(uint32_t timeoutMs) { return m_socket.Poll(platform::PollFor::kRead, timeoutMs) == 0; }
-  // True when the server closes the connection within the time without
-  // sending anything more.
+  // True when the server closes the connection within the time without sending anything more.
   bool ClosedByPeer(uint32_t timeoutMs = 5000) {
     uint8_t byte = 0;
     return m_socket.Poll(platform::PollFor::kRead, timeoutMs) == 1 && m_socket.Recv(&byte, 1) <= 0;
   }
   void Close() { m_socket.Close(); }
-
- private:
-  platform::Socket m_socket;
-};
-
-// A plain datagram socket on 127.0.0.1.
-class RawUdp {
- public:
-  RawUdp() {
-    InetAddr address = Loopback(0);
-    uint32_t length = InetAddr::SockAddrLen();
-    EXPECT_TRUE(m_socket.Create(platform::SocketType::kDatagram));
-    EXPECT_TRUE(m_socket.Bind(address.SockAddr(), length));
-    EXPECT_TRUE(m_socket.LocalName(address.SockAddr(), length));
-    port = address.Port();
-  }
-  void SendTo(uint16_t to, const Bytes& bytes) {
-    const InetAddr address = Loopback(to);
-    EXPECT_EQ(static_cast<int32_t>(bytes.size()),
-              m_socket.SendTo(bytes.data(), static_cast<int32_t>(bytes.size()), address.SockAddr(),
-                              InetAddr::SockAddrLen()));
-  }
-  // One datagram and its sender's port; empty when none came in time.
-  Bytes Receive(uint32_t timeoutMs = 2000, uint16_t* from = nullptr) {
-    if (m_socket.Poll(platform::PollFor::kRead, timeoutMs) != 1) return {};
-    Bytes bytes(65536);
-    InetAddr sender;
-    uint32_t length = InetAddr::SockAddrLen();
-    const int32_t n = m_socket.RecvFrom(bytes.data(), static_cast<int32_t>(bytes.size()), sender.SockAddr(), length);
-    bytes.resize(n > 0 ? static_cast<size_t>(n) : 0);
-    if (from != nullptr) *from = sender.Port();
-    return bytes;
-  }
-
-  uint16_t port = 0;
 
  private:
   platform::Socket m_socket;
@@ -319,8 +319,7 @@ class LogLines {
  public:
   LogLines() : m_skip(Read().size()) {}
 
-  // Whether a new line equals `message`, waiting a little for serving
-  // threads to write it.
+  // Whether a new line equals `message`, waiting a little for serving threads to write it.
   bool Has(const std::u16string& message, uint32_t timeoutMs = 3000) const {
     return Eventually(
         [&] {

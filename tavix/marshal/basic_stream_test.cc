@@ -1,21 +1,19 @@
+// The marshalling stream: the wire encoding of every type, round trips through small deliveries, blobs inline and
+// in pieces, and forged or short input; and the 20-byte message header: its checksum, known encodings, and what a
+// receiver's check refuses.
 #include "tavix/marshal/basic_stream.h"
 
-#include <gtest/gtest.h>
-
+#include <array>
 #include <numeric>
 #include <tuple>
 
-#include "tavix/core/errors.h"
 #include "tavix/marshal/marshal_test_util.h"
+#include "tavix/marshal/message_header.h"
 
 namespace TAVIX {
 namespace {
 
-using testing::B;
-using testing::Bytes;
-using testing::CodeOf;
-using testing::Decoder;
-using testing::Encode;
+using namespace testing;
 
 // Values never change width silently: only the exact wire types are taken.
 template <class T>
@@ -33,11 +31,7 @@ static_assert(!Readable<long long> && !Readable<uint32_t> && !Readable<char>);
 using Fill = std::function<void(BasicStream&)>;
 
 TEST(BasicStreamWire, EncodingVectors) {
-  const struct {
-    const char* what;
-    Fill fill;
-    Bytes bytes;
-  } cases[] = {
+  const std::tuple<const char*, Fill, Bytes> cases[] = {
       {"size 0", [](BasicStream& s) { s.writeSize(0); }, B({0x00})},
       {"size 254", [](BasicStream& s) { s.writeSize(254); }, B({0xFE})},
       {"size 255", [](BasicStream& s) { s.writeSize(255); }, B({0xFF, 0xFF, 0, 0, 0})},
@@ -58,19 +52,16 @@ TEST(BasicStreamWire, EncodingVectors) {
        B({0, 0})},
       {"null blob", [](BasicStream& s) { s.write(SmartPtr<ITavixBlob>()); }, B({0})},
   };
-  for (const auto& c : cases) EXPECT_EQ(Encode(c.fill), c.bytes) << c.what;
+  for (const auto& [what, fill, bytes] : cases) EXPECT_EQ(Encode(fill), bytes) << what;
 }
 
 TEST(BasicStreamWire, SizeAndBoolDecoding) {
   int32_t n = -1;
-  Decoder five(B({0xFF, 0x05, 0, 0, 0}));
-  five.stream.readSize(n);
+  Decoder(B({0xFF, 0x05, 0, 0, 0})).stream.readSize(n);
   EXPECT_EQ(n, 5);
-  Decoder negative(B({0xFF, 0xFF, 0xFF, 0xFF, 0xFF}));
-  EXPECT_EQ(CodeOf([&] { negative.stream.readSize(n); }), Err::IllegalSize);
+  EXPECT_EQ(CodeOf([&] { Decoder(B({0xFF, 0xFF, 0xFF, 0xFF, 0xFF})).stream.readSize(n); }), Err::IllegalSize);
   std::string text;
-  Decoder badString(B({0xFF, 0x00, 0x00, 0x00, 0x80, 'a'}));
-  EXPECT_EQ(CodeOf([&] { badString.stream.read(text); }), Err::IllegalSize);
+  EXPECT_EQ(CodeOf([&] { Decoder(B({0xFF, 0x00, 0x00, 0x00, 0x80, 'a'})).stream.read(text); }), Err::IllegalSize);
 
   // Any byte but 0 reads as true.
   std::vector<bool> bits;
@@ -82,8 +73,7 @@ TEST(BasicStreamWire, SizeAndBoolDecoding) {
   EXPECT_TRUE(flag);
 }
 
-// Writes the values, checks the bytes against their lengthOf, and reads
-// them back from deliveries of 7 bytes at a time.
+// Writes the values, checks the bytes against their lengthOf, and reads them back from deliveries of 7 bytes at a time.
 template <class... T>
 void ExpectRoundTrip(const T&... values) {
   const Bytes bytes = Encode([&](BasicStream& s) { (s.write(values), ...); });
@@ -117,7 +107,7 @@ TEST(BasicStreamWire, EveryTypeRoundTripsAndMatchesItsLength) {
 
 TEST(BasicStreamBlob, InlineBlobsInSequencesReuseTheirTargets) {
   SmartPtr<ITavixBlob> blob = CreateTavixMemBlob();
-  const Bytes content = testing::Pattern(300);
+  const Bytes content = Pattern(300);
   blob->Append(content.data(), 300);
   Bytes expected = B({0xFF, 0x2C, 0x01, 0, 0});
   expected.insert(expected.end(), content.begin(), content.end());
@@ -144,7 +134,7 @@ TEST(BasicStreamBlob, LargeBlobsTravelInPiecesThroughFiles) {
   // file blob, never asked for more than a block at a time.
   const uint32_t size = (3u << 20) + 1;
   SmartPtr<ITavixBlob> source = CreateTavixFileBlob();
-  const Bytes content = testing::Pattern(size, 3);
+  const Bytes content = Pattern(size, 3);
   ASSERT_EQ(source->Write(content.data(), static_cast<int32_t>(size), 0), static_cast<int32_t>(size));
   const Bytes wire = Encode([&](BasicStream& s) { s.write(source); });
   ASSERT_EQ(wire.size(), size + 5u);
@@ -185,19 +175,14 @@ TEST(BasicStreamFaults, ShortInputBrokenBlobAndMissingStreamBuffer) {
   std::string text;
   int32_t value = 0;
   SmartPtr<ITavixBlob> blob;
-  Decoder cut(B({5, 'a', 'b'}));
-  EXPECT_EQ(CodeOf([&] { cut.stream.read(text); }), Err::OutOfBounds);
-  Decoder empty(Bytes{});
-  EXPECT_EQ(CodeOf([&] { empty.stream.read(value); }), Err::OutOfBounds);
-  Decoder shortBlob(B({4, 1, 2}));
-  EXPECT_EQ(CodeOf([&] { shortBlob.stream.read(blob); }), Err::OutOfBounds);
-
+  EXPECT_EQ(CodeOf([&] { Decoder(B({5, 'a', 'b'})).stream.read(text); }), Err::OutOfBounds);
+  EXPECT_EQ(CodeOf([&] { Decoder(Bytes{}).stream.read(value); }), Err::OutOfBounds);
+  EXPECT_EQ(CodeOf([&] { Decoder(B({4, 1, 2})).stream.read(blob); }), Err::OutOfBounds);
   SmartPtr<ITavixBlob> broken(new BrokenBlob());
   ASSERT_EQ(broken->Append("x", 1), 1);
   EXPECT_EQ(CodeOf([&] { Encode([&](BasicStream& s) { s.write(broken); }); }), Err::OutOfBounds);
 
-  // Without a stream buffer nothing moves, nothing is raised and targets
-  // keep their values.
+  // Without a stream buffer nothing moves, nothing is raised and targets keep their values.
   BasicStream bare;
   std::string keep = "keep";
   EXPECT_EQ(CodeOf([&] { bare.write(std::string("x")), bare.writeSize(300), bare.read(keep), bare.read(value); }), 0u);
@@ -205,14 +190,68 @@ TEST(BasicStreamFaults, ShortInputBrokenBlobAndMissingStreamBuffer) {
 }
 
 TEST(BasicStreamFaults, ForgedCountsCostOnlyTheBytesThatArrive) {
-  Decoder d(B({0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 1, 2, 3, 4}));
   std::vector<int64_t> numbers;
-  EXPECT_EQ(CodeOf([&] { d.stream.read(numbers); }), Err::OutOfBounds);
+  EXPECT_EQ(CodeOf([&] { Decoder(B({0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 1, 2, 3, 4})).stream.read(numbers); }),
+            Err::OutOfBounds);
   EXPECT_LE(numbers.capacity() * sizeof(int64_t), 2u << 20);
-  Decoder strings(B({0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 0}));
   std::vector<std::u16string> list;
-  EXPECT_EQ(CodeOf([&] { strings.stream.read(list); }), Err::OutOfBounds);
+  EXPECT_EQ(CodeOf([&] { Decoder(B({0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 0})).stream.read(list); }), Err::OutOfBounds);
   EXPECT_LE(list.size(), 2u);
+}
+
+using HeaderBytes = std::array<uint8_t, 20>;
+
+HeaderBytes Encoded(uint8_t type, int32_t size) {
+  MsgHeaderData h;
+  h.Init(type);
+  h.size = size;
+  HeaderBytes out{};
+  h.Encode(out.data());
+  return out;
+}
+
+uint32_t CheckOf(const HeaderBytes& wire) {
+  MsgHeaderData h;
+  h.Decode(wire.data());
+  return h.Check();
+}
+
+TEST(MessageHeaderTest, Crc16MatchesPublishedCheckValue) {
+  const uint8_t digits[] = {'1', '2', '3', '4', '5', '6', '7', '8', '9'};
+  EXPECT_EQ(0x4B37, Crc16(digits, 9));
+  EXPECT_EQ(0xFFFF, Crc16(digits, 0));
+}
+
+TEST(MessageHeaderTest, EncodesKnownVectors) {
+  const auto header = [](uint8_t type, uint8_t size, uint8_t crcLow, uint8_t crcHigh) {
+    return HeaderBytes{0x58, 0x47, 0x52, 0x51, 1, 2, 1, 1, type, 0, size, 0, 0, 0, 0, 0, 0, 0, crcLow, crcHigh};
+  };
+  EXPECT_EQ(header(2, 0x14, 0x12, 0x9A), Encoded(MSG_VALIDATE, 20));
+  EXPECT_EQ(header(3, 0x14, 0x43, 0x5F), Encoded(MSG_CLOSE, 20));
+  EXPECT_EQ(header(0, 0x64, 0xB4, 0x74), Encoded(MSG_REQUEST, 100));
+}
+
+// Sizes are bounded inclusively; an unknown type passes; the magic is checked before the CRC, and the reserved bytes
+// are covered by the CRC.
+TEST(MessageHeaderTest, DecodeAndCheck) {
+  MsgHeaderData h;
+  const HeaderBytes wire = Encoded(MSG_REPLY, 36);
+  h.Decode(wire.data());
+  EXPECT_TRUE(h.crcOk);
+  EXPECT_EQ(MSG_REPLY, h.type);
+  EXPECT_EQ(36, h.size);
+  for (const int32_t size : {20, 0x40000000}) EXPECT_EQ(0u, CheckOf(Encoded(MSG_REQUEST, size)));
+  for (const int32_t size : {19, 0x40000001, -1}) EXPECT_EQ(Err::IllegalSize, CheckOf(Encoded(MSG_REQUEST, size)));
+  EXPECT_EQ(0u, CheckOf(Encoded(7, 20)));
+  const auto broken = [](size_t at, uint8_t value) {
+    HeaderBytes bytes = Encoded(MSG_REQUEST, 100);
+    bytes[at] = value;
+    if (at == 0) bytes[18] ^= 0xFF;
+    return CheckOf(bytes);
+  };
+  EXPECT_EQ(Err::BadMagic, broken(0, 'Y'));
+  EXPECT_EQ(Err::BadVersion, broken(6, 2));
+  for (const size_t at : {9u, 14u, 15u, 16u, 17u}) EXPECT_EQ(Err::CrcError, broken(at, 1)) << at;
 }
 
 }  // namespace

@@ -1,14 +1,13 @@
+// Memory and file blobs: growth, the move to a temporary file and its clean-up, file names, named files, and files
+// that cannot be opened.
 #include "tavix/marshal/blob.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <regex>
 
-#include "tavix/core/errors.h"
+#include "tavix/core/format.h"
 #include "tavix/core/text.h"
 #include "tavix/marshal/marshal_test_util.h"
 #include "tavix/platform/process.h"
@@ -17,14 +16,9 @@ namespace TAVIX {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::Bytes;
-using testing::Pattern;
+using namespace testing;
 
-std::string Pid() {
-  char text[16];
-  std::snprintf(text, sizeof text, "%05u", platform::ProcessId());
-  return text;
-}
+std::string Pid() { return NarrowString(FormatString(u"%05u", platform::ProcessId())); }
 
 // This process's files in the temporary blob folder.
 size_t OurTemporaryFiles() {
@@ -113,10 +107,9 @@ TEST_F(BlobTest, TemporaryFilesAreNamedByProcessAndThreadBesideTheLibrary) {
   const std::string library = platform::LibraryPath();
   EXPECT_EQ(fs::path(PathOf(*a)).parent_path().string() + "/",
             library.substr(0, library.rfind('/') + 1) + "TavixBuffer/");
-  char ids[24];
-  std::snprintf(ids, sizeof ids, "%05u%05u", platform::ProcessId(), platform::ThreadId());
+  const std::string ids = Pid() + NarrowString(FormatString(u"%05u", platform::ThreadId()));
   const std::string leaf = fs::path(PathOf(*a)).filename().string();
-  EXPECT_TRUE(std::regex_match(leaf, std::regex(std::string(ids) + "[0-9]{7}\\.tmp"))) << leaf;
+  EXPECT_TRUE(std::regex_match(leaf, std::regex(ids + "[0-9]{7}\\.tmp"))) << leaf;
 
   // Growing a file blob leaves a sparse hole that reads to the end.
   ASSERT_EQ(a->Resize(0x80000000ull), 0x80000000ull);
@@ -157,12 +150,8 @@ TEST_F(BlobTest, NamedFileIsReadExtendedAndTrimmedOnClose) {
 TEST_F(BlobTest, UnopenableFileFailsWithTheLastErrorSet) {
   SmartPtr<ITavixBlob> blob = CreateTavixFileBlob((m_dir / "missing" / "x.bin").string().c_str());
   uint8_t byte = 0;
-  TavixSetLastError(0);
-  EXPECT_EQ(blob->Write(&byte, 1, 0), -2);
-  EXPECT_EQ(TavixGetLastError(), static_cast<uint32_t>(ENOENT));
-  TavixSetLastError(0);
-  EXPECT_EQ(blob->Read(&byte, 1, 0), -2);
-  EXPECT_EQ(TavixGetLastError(), static_cast<uint32_t>(ENOENT));
+  EXPECT_EQ(OutcomeOf([&] { return blob->Write(&byte, 1, 0); }), (Outcome{-2, ENOENT}));
+  EXPECT_EQ(OutcomeOf([&] { return blob->Read(&byte, 1, 0); }), (Outcome{-2, ENOENT}));
   EXPECT_EQ(blob->Size(), kBlobFailure);
   EXPECT_EQ(blob->Resize(10), kBlobFailure);
 }

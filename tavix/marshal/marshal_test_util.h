@@ -1,13 +1,16 @@
-// Stream-buffer stand-ins shared by the marshalling tests: a sink that
-// records what reaches it, a source that serves prepared bytes, and helpers
-// that encode into and decode from a memory buffer chain.
+// Helpers shared by the marshalling tests (and through the wire helpers by the others): byte and error helpers, a
+// sink that records what reaches it, a source that serves prepared bytes, and encoding into and decoding from a
+// memory buffer chain.
 #ifndef TAVIX_MARSHAL_MARSHAL_TEST_UTIL_H_
 #define TAVIX_MARSHAL_MARSHAL_TEST_UTIL_H_
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstring>
 #include <functional>
 #include <initializer_list>
+#include <utility>
 #include <vector>
 
 #include "tavix/core/errors.h"
@@ -41,8 +44,23 @@ inline uint32_t CodeOf(const std::function<void()>& f) {
   return 0;
 }
 
-// Takes at most `accept` bytes per call (all when negative), or returns
-// `result` instead when it is set.
+// The last error a call left when it failed (returned false or null); 0 when it succeeded.
+template <class Call>
+uint32_t Refused(Call call) {
+  TavixSetLastError(0);
+  return call() ? 0 : TavixGetLastError();
+}
+
+// A call's result and the last error it left.
+using Outcome = std::pair<int32_t, uint32_t>;
+template <class Call>
+Outcome OutcomeOf(Call call) {
+  TavixSetLastError(0);
+  const int32_t result = call();
+  return {result, TavixGetLastError()};
+}
+
+// Takes at most `accept` bytes per call (all when negative), or returns `result` instead when it is set.
 class Sink : public EndStreamBuf {
  public:
   int32_t sputn(const void* data, int32_t count) override {
@@ -63,22 +81,23 @@ class Sink : public EndStreamBuf {
   int clears = 0;
 };
 
-// Serves `bytes` in deliveries of at most `chunk` bytes and records what
-// it was asked for.
+// Serves `bytes` in deliveries of at most `chunk` bytes, or returns `result` instead when it is set, and records
+// what it was asked for.
 class Source : public EndStreamBuf {
  public:
-  explicit Source(Bytes content, int32_t piece = 0x7FFFFFFF) : bytes(std::move(content)), chunk(piece) {}
+  explicit Source(Bytes content = {}, int32_t piece = 0x7FFFFFFF) : bytes(std::move(content)), chunk(piece) {}
   int32_t sputn(const void*, int32_t) override { return 0; }
   int32_t sgetn(void* data, int32_t count) override {
     asked.push_back(count);
+    if (result != 0) return result;
     const auto n = static_cast<size_t>(std::min({count, static_cast<int32_t>(bytes.size() - offset), chunk}));
-    std::memcpy(data, bytes.data() + offset, n);
+    if (n != 0) std::memcpy(data, bytes.data() + offset, n);
     offset += n;
     return static_cast<int32_t>(n);
   }
 
   Bytes bytes;
-  int32_t chunk;
+  int32_t chunk, result = 0;
   size_t offset = 0;
   std::vector<int32_t> asked;
 };
@@ -92,8 +111,7 @@ inline Bytes Encode(const std::function<void(BasicStream&)>& fill) {
   return Bytes(mem->block(), mem->block() + mem->fill());
 }
 
-// A stream that reads `bytes` as one message body, the way a receiver sets
-// its chain up.
+// A stream that reads `bytes` as one message body, the way a receiver sets its chain up.
 struct Decoder {
   explicit Decoder(Bytes bytes, int32_t chunk = 0x7FFFFFFF) : source(new Source(std::move(bytes), chunk)) {
     AttachMessageBuffer(stream, static_cast<int32_t>(source->bytes.size()), source);

@@ -1,14 +1,11 @@
-// The communicator: its adapters by name, the shutdown flag, and the wait
-// for client calls in progress. Closing client connections and listeners
-// at shutdown is covered end to end by the proxy and server tests.
+// The communicator: its adapters by name, the shutdown flag, and the wait for client calls in progress. Closing client
+// connections and listeners at shutdown is covered end to end by the proxy and server tests.
 #include "tavix/runtime/communicator.h"
 
 #include <gtest/gtest.h>
 
-#include <string>
 #include <thread>
 
-#include "tavix/core/errors.h"
 #include "tavix/invoke/wire_test_util.h"
 #include "tavix/platform/clock.h"
 #include "tavix/platform/process.h"
@@ -25,30 +22,25 @@ class CommunicatorProbe {
 namespace {
 
 using Probe = CommunicatorProbe;
+using testing::Refused;
 
 TEST(Communicator, AdaptersByExactNameUntilShutdownIsWaitedFor) {
-  SmartPtr<Communicator> first = Initialize(u"same");
-  SmartPtr<Communicator> second = Initialize(u"same");
+  SmartPtr<Communicator> first = Initialize(u"same"), second = Initialize(u"same");
   SmartPtr<ObjectAdapter> b = first->CreateObjectAdapter(std::u16string(u"b"));
   ASSERT_TRUE(b);
   ASSERT_TRUE(first->CreateObjectAdapter(std::u16string(u"B")));
-  TavixSetLastError(0);
-  EXPECT_FALSE(first->CreateObjectAdapter(std::string("b")));
-  EXPECT_EQ(Err::AdapterNameExists, TavixGetLastError());
+  EXPECT_EQ(Err::AdapterNameExists, Refused([&] { return first->CreateObjectAdapter(std::string("b")); }));
   EXPECT_EQ(ADAPTER_INACTIVE, b->GetStatus()) << "the existing adapter is untouched";
   EXPECT_TRUE(second->CreateObjectAdapter(std::u16string(u"b"))) << "communicators are independent";
 
-  // Shutdown happens once, refuses new adapters, and keeps the adapters
-  // until it is waited for.
+  // Shutdown happens once, refuses new adapters, and keeps the adapters until it is waited for.
   b->Activate();
   first->Shutdown();
   EXPECT_EQ(ADAPTER_DESTROYING, b->GetStatus());
   b->Activate();
   first->Shutdown();
   EXPECT_EQ(ADAPTER_ACTIVE, b->GetStatus()) << "a second Shutdown does nothing";
-  TavixSetLastError(0);
-  EXPECT_FALSE(first->CreateObjectAdapter(std::string("c")));
-  EXPECT_EQ(Err::CommunicatorClosed, TavixGetLastError());
+  EXPECT_EQ(Err::CommunicatorClosed, Refused([&] { return first->CreateObjectAdapter(std::string("c")); }));
   EXPECT_EQ(2, b->RefCount());
   first->WaitForShutdown();
   EXPECT_EQ(1, b->RefCount()) << "the communicator released its adapters";

@@ -1,13 +1,8 @@
+// Endpoint strings: what the grammar takes and refuses, the printed forms, conflicts between listeners, the factory
+// by protocol word, and endpoints that cannot be opened.
 #include "tavix/transport/passport.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-
-#include "tavix/core/errors.h"
 #include "tavix/core/host_info.h"
-#include "tavix/core/text.h"
-#include "tavix/transport/tcp_transceiver.h"
 #include "tavix/invoke/wire_test_util.h"
 
 namespace TAVIX {
@@ -27,32 +22,26 @@ SmartPtr<TcpPassport> Made(const std::u16string& text) {
 }
 
 TEST(PassportGrammarTest, AcceptedStringsAndTheirFields) {
-  const struct {
-    const char16_t* text;
-    const char16_t* host;
-    uint16_t port;
-    uint32_t timeout;
-  } cases[] = {
+  const std::tuple<const char16_t*, const char16_t*, uint16_t, uint32_t> cases[] = {
       {u"tcp -h 10.0.0.1 -p 5678 -t 3000", u"10.0.0.1", 5678, 3000},
       {u"tcp -p 1 -h a", u"a", 1, 0},
       {u"TCP -h a -p 1", u"a", 1, 0},
       {u" \t\ntcp\r-h  a -p 1 \r\n", u"a", 1, 0},
-      {u"tcp -h a -h b", u"b", 5678, 0},               // repeated -h counts twice
-      {u"tcp -p 1 -p 2", u"0.0.0.0", 2, 0},            // default host
-      {u"-t 50 tcp -h a -p 1", u"a", 1, 50},           // -t does not count
-      {u"-h a -p 1 -p 2", u"a", 2, 0},                 // no protocol word at all
-      {u"tcp -h a -p 70000", u"a", 4464, 0},           // kept modulo 65536
-      {u"tcp -h a -p 12abc", u"a", 12, 0},             // leading digits only
+      {u"tcp -h a -h b", u"b", 5678, 0},      // repeated -h counts twice
+      {u"tcp -p 1 -p 2", u"0.0.0.0", 2, 0},   // default host
+      {u"-t 50 tcp -h a -p 1", u"a", 1, 50},  // -t does not count
+      {u"-h a -p 1 -p 2", u"a", 2, 0},        // no protocol word at all
+      {u"tcp -h a -p 70000", u"a", 4464, 0},  // kept modulo 65536
+      {u"tcp -h a -p 12abc", u"a", 12, 0},    // leading digits only
       {u"tcp -h a -p +7", u"a", 7, 0},
       {u"tcp -h a -p 1 -t 0", u"a", 1, 0},
       {u"tcp -h a -p 1 -t 4294967295", u"a", 1, 2147483647},  // saturates
   };
-  for (const auto& c : cases) {
-    const SmartPtr<TcpPassport> passport = Made(c.text);
-    EXPECT_EQ(c.host, passport->Host()) << NarrowString(c.text);
-    EXPECT_EQ(c.port, passport->Port()) << NarrowString(c.text);
-    EXPECT_EQ(c.timeout, passport->Timeout()) << NarrowString(c.text);
-    EXPECT_FALSE(passport->IsLocal()) << NarrowString(c.text);
+  for (const auto& [text, host, port, timeout] : cases) {
+    const SmartPtr<TcpPassport> p = Made(text);
+    EXPECT_EQ(std::tuple(host, port, timeout, false),
+              std::tuple(p->Host(), p->Port(), p->Timeout(), p->IsLocal()))
+        << NarrowString(text);
   }
 }
 
@@ -66,10 +55,8 @@ TEST(PassportGrammarTest, RefusedStringsSetBadPassportString) {
       u"tcp -h a -p 1 -t 00", u"tcp -h a -p 1 -t abc", u"tcp -h a -p 1 -t",     // bad time-out
   };
   for (const char16_t* text : refused) {
-    TcpPassport passport;
-    TavixSetLastError(0);
-    EXPECT_FALSE(passport.Create(std::u16string(text))) << NarrowString(text);
-    EXPECT_EQ(Err::BadPassportString, TavixGetLastError()) << NarrowString(text);
+    EXPECT_EQ(Err::BadPassportString, Refused([&] { return TcpPassport().Create(std::u16string(text)); }))
+        << NarrowString(text);
   }
   // Fields set before the failure keep their values.
   TcpPassport partial;
@@ -107,8 +94,7 @@ TEST(PassportPrintTest, PrintedFormsWideAndNarrow) {
   EXPECT_TRUE(again->IsLocal());
   EXPECT_EQ(Printed(*any), Printed(*again));
 
-  // Copies carry the fields but never the reference count; value
-  // comparisons always answer false.
+  // Copies carry the fields but never the reference count; value comparisons always answer false.
   const SmartPtr<TcpPassport> holder = any;
   const SmartPtr<TcpPassport> copy = MakeShared<TcpPassport>(*any);
   EXPECT_EQ(1, copy->RefCount());
@@ -122,11 +108,7 @@ TEST(PassportPrintTest, PrintedFormsWideAndNarrow) {
 }
 
 TEST(PassportConflictTest, SameListeningResourceConflicts) {
-  const struct {
-    const char16_t* a;
-    const char16_t* b;
-    bool conflict;
-  } cases[] = {
+  const std::tuple<const char16_t*, const char16_t*, bool> cases[] = {
       {u"tcp -h #any -p 10", u"tcp -h 10.0.0.1 -p 10", true},
       {u"tcp -h 10.0.0.1 -p 10", u"tcp -h #any -p 10", true},
       {u"tcp -h HostA -p 10", u"tcp -h hosta -p 10", true},
@@ -135,8 +117,8 @@ TEST(PassportConflictTest, SameListeningResourceConflicts) {
       {u"tcp -h 10.0.0.1 -p 10", u"tcp -h 10.0.0.2 -p 10", false},
       {u"tcp -h #any -p 10", u"tcp -h #any -p 11", false},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(c.conflict, Made(c.a)->Conflict(*Made(c.b))) << NarrowString(c.a) << " / " << NarrowString(c.b);
+  for (const auto& [a, b, conflict] : cases) {
+    EXPECT_EQ(conflict, Made(a)->Conflict(*Made(b))) << NarrowString(a) << " / " << NarrowString(b);
   }
 
   // Another kind of passport never conflicts.
@@ -159,33 +141,29 @@ TEST(PassportFactoryTest, MakesPassportsByProtocolWord) {
   EXPECT_TRUE(factory.Create(std::string("  Tcp -p 9 -h x")));
 
   // The grammar's refusals pass through; an unknown protocol word is unsupported.
-  const auto refuses = [&](const char* text, uint32_t error) {
-    TavixSetLastError(0);
-    EXPECT_FALSE(factory.Create(std::string(text))) << text;
-    EXPECT_EQ(error, TavixGetLastError()) << text;
-  };
-  for (const char* text : {"", " \t\r\n", "tcp -h a"}) refuses(text, Err::BadPassportString);
-  for (const char* text : {"xyz -h a -p 1", "-h a -p 1"}) refuses(text, Err::UnsupportedFunction);
+  const std::pair<const char*, uint32_t> refused[] = {
+      {"", Err::BadPassportString}, {" \t\r\n", Err::BadPassportString}, {"tcp -h a", Err::BadPassportString},
+      {"xyz -h a -p 1", Err::UnsupportedFunction}, {"-h a -p 1", Err::UnsupportedFunction}};
+  for (const auto& [text, error] : refused) {
+    EXPECT_EQ(error, Refused([&] { return factory.Create(std::string(text)); })) << text;
+  }
 }
 
 TEST(TcpPassportTest, RefusedEndpointsLeaveHoldersAlone) {
-  SmartPtr<ITransceiver> server = MakeShared<TcpTransceiver>();
+  SmartPtr<ITransceiver> server = MakeShared<TcpTransceiver>(), client;
   ITransceiver* before = server.get();
-  EXPECT_EQ(-2, Made(u"tcp -h a -p 1")->CreateServerTransceiver(server));
-  EXPECT_EQ(Err::NeedAcceptor, TavixGetLastError());
+  EXPECT_EQ((Outcome{-2, Err::NeedAcceptor}),
+            OutcomeOf([&] { return Made(u"tcp -h a -p 1")->CreateServerTransceiver(server); }));
   EXPECT_EQ(before, server.get());
-
   // Listening only on this machine's own addresses.
   for (const char16_t* host : {u"0.0.0.0", u"192.0.2.1"}) {
     SmartPtr<IAcceptor> holder;
-    EXPECT_EQ(-2, Made(u"tcp -h " + std::u16string(host) + u" -p 5678")->CreateAcceptor(holder));
-    EXPECT_EQ(Err::CannotCreateAcceptor, TavixGetLastError());
+    const SmartPtr<TcpPassport> passport = Made(u"tcp -h " + std::u16string(host) + u" -p 5678");
+    EXPECT_EQ((Outcome{-2, Err::CannotCreateAcceptor}), OutcomeOf([&] { return passport->CreateAcceptor(holder); }));
     EXPECT_FALSE(holder);
   }
-
-  SmartPtr<ITransceiver> client;
-  EXPECT_EQ(-1, Made(u"tcp -h no-such-host.invalid -p 1")->CreateClientTransceiver(client));
-  EXPECT_EQ(static_cast<uint32_t>(EINVAL), TavixGetLastError());
+  const SmartPtr<TcpPassport> unknown = Made(u"tcp -h no-such-host.invalid -p 1");
+  EXPECT_EQ((Outcome{-1, EINVAL}), OutcomeOf([&] { return unknown->CreateClientTransceiver(client); }));
   EXPECT_FALSE(client);
 }
 

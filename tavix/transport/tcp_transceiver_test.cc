@@ -1,19 +1,13 @@
+// TCP transceivers and the listening acceptor over loopback: refused calls, socket options, waits, the peer's close,
+// a close from another thread, and the reuse of a transceiver a holder already has.
 #include "tavix/transport/tcp_transceiver.h"
 
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
-#include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <cstring>
-#include <functional>
-#include <thread>
-#include <vector>
 
-#include "tavix/core/errors.h"
 #include "tavix/invoke/wire_test_util.h"
 
 namespace TAVIX {
@@ -32,25 +26,20 @@ TEST(TcpTransceiverTest, ClosedTransceiverAndIllegalLengthsFail) {
   TcpTransceiver closed;
   char buffer[8] = {};
   EXPECT_EQ(INVALID_SOCKET, closed.GetHandle());
-  EXPECT_EQ(-3, closed.WaitForRecv(10));
-  EXPECT_EQ(-3, closed.WaitForSend(10));
-  EXPECT_EQ(-3, closed.Recv(buffer, 8));
-  EXPECT_EQ(-3, closed.Recvn(buffer, 8));
-  EXPECT_EQ(-3, closed.Send(buffer, 8));
+  for (const int32_t result : {closed.WaitForRecv(10), closed.WaitForSend(10), closed.Recv(buffer, 8),
+                               closed.Recvn(buffer, 8), closed.Send(buffer, 8)}) {
+    EXPECT_EQ(-3, result);
+  }
   TavixSetLastError(1234);
   closed.Close();
   EXPECT_EQ(1234u, TavixGetLastError());
 
   TcpPair pair = ConnectedPair();
   for (const int32_t length : {0, -1}) {
-    const std::function<int32_t()> calls[] = {[&] { return pair.client->Send(buffer, length); },
-                                              [&] { return pair.server->Recv(buffer, length); },
-                                              [&] { return pair.server->Recvn(buffer, length); }};
-    for (const auto& call : calls) {
-      TavixSetLastError(0);
-      EXPECT_EQ(-2, call());
-      EXPECT_EQ(Err::IllegalBufferSize, TavixGetLastError());
-    }
+    const Outcome illegal{-2, Err::IllegalBufferSize};
+    EXPECT_EQ(illegal, OutcomeOf([&] { return pair.client->Send(buffer, length); }));
+    EXPECT_EQ(illegal, OutcomeOf([&] { return pair.server->Recv(buffer, length); }));
+    EXPECT_EQ(illegal, OutcomeOf([&] { return pair.server->Recvn(buffer, length); }));
   }
 }
 
@@ -68,8 +57,8 @@ TEST(TcpTransceiverTest, ConnectedPairCarriesTcpOptions) {
   }
 }
 
-// A wait times out, then sees data; the peer's orderly close after part of
-// a message counts as readable and ends an exact read with 0.
+// A wait times out, then sees data; the peer's orderly close after part of a message counts as readable and ends an
+// exact read with 0.
 TEST(TcpTransceiverTest, WaitsAndReadsUpToThePeersClose) {
   TcpPair pair = ConnectedPair();
   const uint64_t start = platform::TickCountMs();
@@ -101,7 +90,7 @@ TEST(TcpTransceiverTest, SendToVanishedPeerFailsWithoutSignal) {
   // The first sends may still be buffered; the reset arrives soon after.
   for (int i = 0; i < 100 && result > 0; ++i) {
     result = pair.client->Send(data.data(), static_cast<int32_t>(data.size()));
-    if (result > 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    if (result > 0) platform::SleepMs(5);
   }
   EXPECT_EQ(-1, result);
   const uint32_t error = TavixGetLastError();
@@ -109,14 +98,13 @@ TEST(TcpTransceiverTest, SendToVanishedPeerFailsWithoutSignal) {
   EXPECT_TRUE(pair.client->IsOpen());  // the owner decides
 }
 
-// Close from another thread ends a wait without limit (-3) and a blocked
-// exact read (an orderly end), promptly.
+// Close from another thread ends a wait without limit (-3) and a blocked exact read (an orderly end), promptly.
 TEST(TcpTransceiverTest, CloseFromAnotherThreadWakesWaiterAndReader) {
   TcpPair pair = ConnectedPair();
   std::atomic<int32_t> waited{0};
   std::thread waiter([&] { waited = pair.server->WaitForRecv(0); });
   while (!pair.server->IsWaiting()) std::this_thread::yield();
-  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  platform::SleepMs(30);
   uint64_t start = platform::TickCountMs();
   pair.server->Close();
   waiter.join();
@@ -133,7 +121,7 @@ TEST(TcpTransceiverTest, CloseFromAnotherThreadWakesWaiterAndReader) {
     char buffer[20];
     read = other.server->Recvn(buffer, 20);
   });
-  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  platform::SleepMs(30);
   start = platform::TickCountMs();
   other.server->Close();
   reader.join();
@@ -141,30 +129,41 @@ TEST(TcpTransceiverTest, CloseFromAnotherThreadWakesWaiterAndReader) {
   EXPECT_LT(MsSince(start), 1000);
 }
 
-TEST(TcpTransceiverTest, ConnectReusesTheHeldTransceiverAndKeepsItOnFailure) {
+// Accept and Connect reuse the transceiver a holder has, hanging up on its earlier peer; a failure leaves the holder
+// alone.
+TEST(TcpTransceiverTest, AcceptAndConnectReuseTheHeldTransceiver) {
   SmartPtr<TcpAcceptor> acceptor = LoopbackAcceptor();
-  SmartPtr<ITransceiver> holder;
-  SmartPtr<ITransceiver> first;
-  ASSERT_EQ(0, TcpTransceiver::Connect(acceptor->Address(), holder));
-  ASSERT_EQ(0, acceptor->Accept(first, 2000));
-  ITransceiver* object = holder.get();
-
-  // Reuse closes the first connection.
-  ASSERT_EQ(0, TcpTransceiver::Connect(acceptor->Address(), holder));
-  EXPECT_EQ(object, holder.get());
+  ASSERT_NE(0, acceptor->Address().Port());
+  SmartPtr<ITransceiver> a, b, served, accepted;
+  const uint64_t start = platform::TickCountMs();
+  EXPECT_EQ(0, acceptor->Accept(served, 100));
+  EXPECT_GE(MsSince(start), 90);
+  EXPECT_FALSE(served);
+  ASSERT_EQ(0, TcpTransceiver::Connect(acceptor->Address(), a));
+  ASSERT_EQ(0, TcpTransceiver::Connect(acceptor->Address(), b));
+  ASSERT_EQ(0, acceptor->Accept(served, 2000));
+  ITransceiver* const servedObject = served.get();
+  ASSERT_EQ(0, acceptor->Accept(served, 2000));
+  EXPECT_EQ(servedObject, served.get());
   char byte = 0;
-  EXPECT_EQ(0, first->Recv(&byte, 1));
-  SmartPtr<ITransceiver> second;
-  ASSERT_EQ(0, acceptor->Accept(second, 2000));
-  ASSERT_EQ(2, holder->Send("hi", 2));
-  char buffer[2];
-  EXPECT_EQ(2, second->Recvn(buffer, 2));
+  EXPECT_EQ(0, a->Recv(&byte, 1)) << "a's server end was hung up";
+
+  ITransceiver* const bObject = b.get();
+  ASSERT_EQ(0, TcpTransceiver::Connect(acceptor->Address(), b));
+  EXPECT_EQ(bObject, b.get());
+  EXPECT_EQ(0, served->Recv(&byte, 1)) << "b's first connection was hung up";
+  ASSERT_EQ(0, acceptor->Accept(accepted, 2000));
+  ASSERT_EQ(1, b->Send("z", 1));
+  EXPECT_EQ(1, accepted->Recvn(&byte, 1));
+  EXPECT_EQ('z', byte);
 
   const uint16_t port = acceptor->Address().Port();
   acceptor->Close();  // nobody listens there now
-  EXPECT_EQ(-1, TcpTransceiver::Connect(Loopback(port), holder));
-  EXPECT_EQ(static_cast<uint32_t>(ECONNREFUSED), TavixGetLastError());
-  EXPECT_EQ(object, holder.get());
+  a = nullptr;
+  EXPECT_EQ((Outcome{-1, ENOTSOCK}), OutcomeOf([&] { return acceptor->Accept(a, 10); }));
+  EXPECT_FALSE(a);
+  EXPECT_EQ((Outcome{-1, ECONNREFUSED}), OutcomeOf([&] { return TcpTransceiver::Connect(Loopback(port), b); }));
+  EXPECT_EQ(bObject, b.get());
 }
 
 }  // namespace
