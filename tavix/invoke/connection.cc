@@ -163,10 +163,8 @@ void Connection::SendCloseMsg() {
 }
 
 int Connection::RecvPacketHeader(MsgHeaderData& header, uint32_t timeoutMs) {
-  const int waited = m_transceiver->WaitForRecv(timeoutMs);
-  if (waited < 0) return waited;
   uint8_t bytes[HEADER_SIZE];
-  const int received = m_transceiver->Recvn(bytes, HEADER_SIZE);
+  const int received = m_transceiver->RecvMessageStart(bytes, HEADER_SIZE, timeoutMs);
   if (received <= 0) return received;
   header.Decode(bytes);
   if (const uint32_t code = header.Check(); code != 0) {

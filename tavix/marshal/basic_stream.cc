@@ -54,6 +54,19 @@ int32_t Moved(int32_t r) {
 
 }  // namespace
 
+// ---- ITavixStreamBuf ----
+
+int32_t ITavixStreamBuf::sputPair(const void* first, int32_t firstCount, const void* second, int32_t secondCount) {
+  int32_t taken = 0;
+  if (firstCount > 0) {
+    taken = sputn(first, firstCount);
+    if (taken < firstCount) return taken;
+  }
+  if (secondCount < 1) return taken;
+  const int32_t r = sputn(second, secondCount);
+  return r < 0 ? r : taken + r;
+}
+
 // ---- Buffer ----
 
 int32_t Buffer::WriteToStream(const void* data, int32_t count) {
@@ -87,6 +100,7 @@ void BasicStream::swap(BasicStream& other) noexcept {
   m_narrowScratch.swap(other.m_narrowScratch);
   m_wideScratch.swap(other.m_wideScratch);
   m_blobScratch.swap(other.m_blobScratch);
+  std::swap(m_blobScratchSize, other.m_blobScratchSize);
 }
 
 void BasicStream::writeSize(int32_t n) {
@@ -134,17 +148,19 @@ void BasicStream::writeBlob(const SmartPtr<ITavixBlob>& blob) {
   if (size >= 1 && size != kBlobFailure) writeBlobContent(*blob, size);
 }
 
-// Memory content goes in one transfer; file content in pieces through the
-// blob scratch block, so a file of any size is never held in memory whole.
+// Memory content goes in one transfer; file content in large pieces
+// through the blob scratch block, so a file of any size is never held in
+// memory whole.
 void BasicStream::writeBlobContent(ITavixBlob& blob, uint64_t size) {
   if (blob.Type() == MemBlob && size <= static_cast<uint64_t>(kMaxCount)) {
     WriteToStream(blob.Data(), static_cast<int32_t>(size));
     return;
   }
-  uint8_t* scratch = blobScratch();
+  const auto scratchSize = static_cast<int32_t>(std::min<uint64_t>(kFileBlobPiece, size));
+  uint8_t* scratch = blobScratch(scratchSize);
   uint64_t sent = 0;
   while (sent < size) {
-    const auto piece = static_cast<int32_t>(std::min<uint64_t>(kBlobPiece, size - sent));
+    const auto piece = static_cast<int32_t>(std::min<uint64_t>(scratchSize, size - sent));
     const int32_t got = blob.Read(scratch, piece, sent);
     // A read that yields nothing makes the write an empty transfer.
     sent += static_cast<uint64_t>(Moved(WriteToStream(scratch, std::max(got, 0))));
@@ -161,8 +177,11 @@ char16_t* BasicStream::wideScratch() {
   return m_wideScratch.get();
 }
 
-uint8_t* BasicStream::blobScratch() {
-  if (!m_blobScratch) m_blobScratch.reset(new uint8_t[kBlobPiece]);
+uint8_t* BasicStream::blobScratch(int32_t bytes) {
+  if (m_blobScratchSize < bytes) {
+    m_blobScratch.reset(new uint8_t[static_cast<size_t>(bytes)]);
+    m_blobScratchSize = bytes;
+  }
   return m_blobScratch.get();
 }
 
@@ -266,16 +285,50 @@ void BasicStream::read(SmartPtr<ITavixBlob>& v) {
   } else {
     v = CreateTavixBlob(static_cast<uint64_t>(n));
   }
-  uint8_t* scratch = blobScratch();
-  for (int32_t done = 0; done < n;) {
-    const int32_t got = Moved(ReadFromStream(scratch, std::min(kBlobPiece, n - done)));
+  readBlobContent(*v, n);
+}
+
+void BasicStream::readBlobContent(ITavixBlob& blob, int32_t n) {
+  int32_t done = blob.Type() == MemBlob ? readIntoMemory(blob, n) : 0;
+  if (done == n) return;
+  const int32_t scratchSize = std::min(kFileBlobPiece, n - done);
+  uint8_t* scratch = blobScratch(scratchSize);
+  while (done < n) {
+    const int32_t got = Moved(ReadFromStream(scratch, std::min(scratchSize, n - done)));
     // Content that cannot be stored is an error, not a shorter blob.
-    if (v->Append(scratch, got) < 0) {
+    if (blob.Append(scratch, got) < 0) {
       const uint32_t error = TavixGetLastError();
       TavixThrow(error != 0 ? error : Err::BlobIoError);
     }
     done += got;
   }
+}
+
+// Grows in pieces as the bytes arrive, so that a forged size costs no more
+// memory than the bytes that really come.
+int32_t BasicStream::readIntoMemory(ITavixBlob& blob, int32_t n) {
+  int32_t done = 0;
+  while (done < n) {
+    const auto piece = static_cast<int32_t>(std::min<int64_t>(kNumberPiece, n - done));
+    const uint64_t end = static_cast<uint64_t>(done) + static_cast<uint64_t>(piece);
+    if (blob.Resize(end) != end) {
+      const uint32_t error = TavixGetLastError();
+      TavixThrow(error != 0 ? error : Err::BlobIoError);
+    }
+    // An automatic blob moves to a file as it grows: the rest goes there.
+    if (blob.Type() != MemBlob || blob.Data() == nullptr) {
+      blob.Resize(static_cast<uint64_t>(done));
+      return done;
+    }
+    try {
+      ReadFromStream(static_cast<uint8_t*>(blob.Data()) + done, piece);
+    } catch (...) {
+      blob.Resize(static_cast<uint64_t>(done));  // only what really came
+      throw;
+    }
+    done += piece;
+  }
+  return done;
 }
 
 int32_t BasicStream::lengthOf(const SmartPtr<ITavixBlob>& v) {

@@ -49,6 +49,7 @@ class StreamMemBuf : public ITavixStreamBuf {
   };
 
   int32_t overflow();
+  int32_t passThrough(const uint8_t* data, int32_t count);
   int32_t underflow();
   // Keeps the bytes next did not take at the start of the block.
   void dropFront(int32_t taken);
