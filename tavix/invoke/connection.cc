@@ -18,7 +18,9 @@
 #include "tavix/platform/clock.h"
 #include "tavix/platform/process.h"
 #include "tavix/platform/socket.h"
+#include "tavix/marshal/stream_buffers.h"
 #include "tavix/transport/datagram_stream_buf.h"
+#include "tavix/transport/stream_transceiver_buf.h"
 #include "tavix/transport/transceiver.h"
 
 namespace TAVIX {
@@ -111,7 +113,26 @@ Connection::~Connection() {
   m_thread = nullptr;
 }
 
-void Connection::SetTransceiver(const SmartPtr<ITransceiver>& transceiver) { m_transceiver = transceiver; }
+void Connection::SetTransceiver(const SmartPtr<ITransceiver>& transceiver) {
+  if (transceiver != m_transceiver) m_streamLink = nullptr;
+  m_transceiver = transceiver;
+}
+
+const SmartPtr<ITavixStreamBuf>& Connection::StreamLink() {
+  if (!m_streamLink) m_streamLink = MakeShared<StreamTransceiverBuf>(m_transceiver);
+  return m_streamLink;
+}
+
+bool Connection::BorrowBuffers(SmartPtr<StreamMemBuf>& input, SmartPtr<StreamMemBuf>& output) {
+  if (m_buffersLent.exchange(true)) return false;
+  if (!m_inputBuffer) {
+    m_inputBuffer = MakeShared<StreamMemBuf>();
+    m_outputBuffer = MakeShared<StreamMemBuf>();
+  }
+  input = m_inputBuffer;
+  output = m_outputBuffer;
+  return true;
+}
 
 void Connection::SetState(connectionState state) {
   ScopedLock guard(m_stateLock);

@@ -10,6 +10,7 @@
 #include "tavix/invoke/object.h"
 #include "tavix/invoke/object_host.h"
 #include "tavix/marshal/message_header.h"
+#include "tavix/marshal/stream_buffers.h"
 #include "tavix/transport/stream_transceiver_buf.h"
 #include "tavix/transport/transceiver.h"
 
@@ -21,12 +22,18 @@ ObjectHelper::ObjectHelper(const SmartPtr<Connection>& connection, const SmartPt
   m_reply.requestId = -1;
   m_connection->SetInServant(true);
   const SmartPtr<ITransceiver>& transceiver = m_connection->GetTransceiver();
-  if (!m_link) m_link = MakeShared<StreamTransceiverBuf>(transceiver);
-  AttachMessageBuffer(m_input, m_bodySize, m_link);
+  if (!m_link) m_link = m_connection->StreamLink();
+  m_borrowed = m_connection->BorrowBuffers(m_inputBuffer, m_outputBuffer);
+  AttachMessageBuffer(m_input, m_inputBuffer, m_bodySize, m_link);
   m_socket = static_cast<uint32_t>(transceiver->GetHandle());
 }
 
 ObjectHelper::~ObjectHelper() {
+  if (m_borrowed) {
+    m_input.Attach(nullptr);
+    m_output.Attach(nullptr);
+    m_connection->ReturnBuffers();
+  }
   m_connection->EndRequest();
   m_connection->SetInServant(false);
 }
@@ -100,7 +107,7 @@ void ObjectHelper::FinishServant(uint32_t status, int32_t resultLength, const FI
   // A reply made before any servant ran has no start to measure from.
   m_reply.serverTime = m_startTime == 0 ? 0.0 : ElapsedMs(&m_startTime, &endTime);
   m_replySize += HEADER_SIZE + ReplyHead::lengthOf() + resultLength;
-  AttachMessageBuffer(m_output, m_replySize, m_link);
+  AttachMessageBuffer(m_output, m_outputBuffer, m_replySize, m_link);
   WriteMessageHeader(m_output, MSG_REPLY, m_replySize);
   m_reply.write(m_output);
 }

@@ -17,6 +17,7 @@ namespace TAVIX {
 
 class Connection;
 class IObjectHost;
+class StreamMemBuf;
 
 class ObjectHelper {
  public:
@@ -64,6 +65,10 @@ class ObjectHelper {
   BasicStream m_input;
   BasicStream m_output;
   SmartPtr<ITavixStreamBuf> m_link;
+  // The connection's buffers when it could lend them, otherwise our own.
+  SmartPtr<StreamMemBuf> m_inputBuffer;
+  SmartPtr<StreamMemBuf> m_outputBuffer;
+  bool m_borrowed = false;
   bool m_finished = false;
 };
 

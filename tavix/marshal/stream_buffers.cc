@@ -17,10 +17,13 @@ int32_t StreamMemBuf::reserve(int32_t bytes) {
     return 0;
   }
   if (bytes <= m_capacity) return 0;
-  void* grown = std::realloc(m_block.get(), static_cast<size_t>(bytes));
-  if (grown == nullptr) throw std::bad_alloc();
-  (void)m_block.release();  // realloc took ownership of the old block
-  m_block.reset(static_cast<uint8_t*>(grown));
+  if (bytes > m_allocated) {
+    void* grown = std::realloc(m_block.get(), static_cast<size_t>(bytes));
+    if (grown == nullptr) throw std::bad_alloc();
+    (void)m_block.release();  // realloc took ownership of the old block
+    m_block.reset(static_cast<uint8_t*>(grown));
+    m_allocated = bytes;
+  }
   m_capacity = bytes;
   return bytes;
 }
@@ -174,7 +177,10 @@ int32_t StreamMemBuf::underflow() {
 void StreamMemBuf::clear() {
   if (m_next) m_next->clear();
   m_mode = kUnused;
-  m_block.reset();
+  if (m_allocated > kBlockSize) {
+    m_block.reset();
+    m_allocated = 0;
+  }
   m_capacity = 0;
   m_position = 0;
   m_readIndex = 0;
@@ -214,6 +220,21 @@ SmartPtr<StreamMemBuf> AttachMessageBuffer(Buffer& stream, int32_t bytes,
   buffer->setLimit(bytes);
   buffer->setNext(next);
   return buffer;
+}
+
+void AttachMessageBuffer(Buffer& stream, SmartPtr<StreamMemBuf>& buffer, int32_t bytes,
+                         const SmartPtr<ITavixStreamBuf>& next) {
+  if (!buffer) {
+    buffer = AttachMessageBuffer(stream, bytes, next);
+    return;
+  }
+  // The link below belonged to the last message: it is let go, not cleared.
+  buffer->setNext(nullptr);
+  buffer->clear();
+  stream.Attach(buffer);
+  buffer->reserve(std::min(bytes, StreamMemBuf::kBlockSize));
+  buffer->setLimit(bytes);
+  buffer->setNext(next);
 }
 
 }  // namespace TAVIX
