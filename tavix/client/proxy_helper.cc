@@ -74,11 +74,7 @@ uint32_t ProxyHelper::PrepareIPC() {
   }
 
   m_requestId = RequestIdFor(m_mode);
-  RequestHead head;
-  head.requestId = m_requestId;
-  head.objectName = m_proxy->m_objectName;
-  head.operation = *m_operation;
-  m_length += HEADER_SIZE + head.lengthOf();
+  m_length += HEADER_SIZE + RequestHead::lengthOf(m_proxy->m_objectName, *m_operation);
   m_proxy->m_perfmon.requestSize = m_length;
   if (m_blobType == RequestToBlob) {
     m_downstream = SmartPtr<ITavixStreamBuf>(new StreamBlobBuf(m_blob));
@@ -89,7 +85,7 @@ uint32_t ProxyHelper::PrepareIPC() {
   }
   AttachMessageBuffer(m_output, m_outputBuffer, m_length, m_downstream);
   WriteMessageHeader(m_output, MSG_REQUEST, m_length);
-  head.write(m_output);
+  RequestHead::write(m_output, m_requestId, m_proxy->m_objectName, *m_operation);
   return 0;
 }
 

@@ -130,6 +130,11 @@ class Connection : public virtual Shared {
   SpinLock m_stateLock;
   std::u16string m_requestObject;
   std::u16string m_requestOperation;
+  // The context strings of the last request, handed to the next one so
+  // that it reuses their room (serving thread only).
+  std::u16string m_keptObject;
+  std::u16string m_keptOperation;
+  std::u16string m_keptPeer;
   uint64_t m_requestStart = 0;  // 0: no request
   SpinLock m_requestLock;
 };

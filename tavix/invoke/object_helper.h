@@ -50,6 +50,8 @@ class ObjectHelper {
 
  private:
   void Dispatch();
+  // Trades the context's strings with those the connection keeps.
+  void SwapKeptStrings();
   // Reads and drops what the servant left of the body, so that the next
   // header read starts at a message boundary.
   void DrainBody();

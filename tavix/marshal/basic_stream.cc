@@ -97,8 +97,6 @@ int32_t Buffer::Flush() { return m_streamBuf ? m_streamBuf->flush() : 0; }
 
 void BasicStream::swap(BasicStream& other) noexcept {
   Buffer::swap(other);
-  m_narrowScratch.swap(other.m_narrowScratch);
-  m_wideScratch.swap(other.m_wideScratch);
   m_blobScratch.swap(other.m_blobScratch);
   std::swap(m_blobScratchSize, other.m_blobScratchSize);
 }
@@ -167,16 +165,6 @@ void BasicStream::writeBlobContent(ITavixBlob& blob, uint64_t size) {
   }
 }
 
-char* BasicStream::narrowScratch() {
-  if (!m_narrowScratch) m_narrowScratch.reset(new char[kStringPiece]);
-  return m_narrowScratch.get();
-}
-
-char16_t* BasicStream::wideScratch() {
-  if (!m_wideScratch) m_wideScratch.reset(new char16_t[kStringPiece]);
-  return m_wideScratch.get();
-}
-
 uint8_t* BasicStream::blobScratch(int32_t bytes) {
   if (m_blobScratchSize < bytes) {
     m_blobScratch.reset(new uint8_t[static_cast<size_t>(bytes)]);
@@ -225,30 +213,26 @@ void BasicStream::write(const std::u16string& v) {
   if (bytes > 0) WriteToStream(v.data(), bytes);
 }
 
-void BasicStream::read(std::string& v) {
+// Straight into the string, grown piece by piece with the bytes that
+// arrive, so that a forged length costs no more than the bytes that come.
+template <class Text>
+void BasicStream::readText(Text& v) {
   int32_t n = 0;
   if (!readCount(n)) return;
+  constexpr int32_t kUnit = sizeof(typename Text::value_type);
+  constexpr int32_t kPerPiece = static_cast<int32_t>(kNumberPiece / kUnit);
   v.clear();
-  char* scratch = n > 0 ? narrowScratch() : nullptr;
   for (int32_t done = 0; done < n;) {
-    const int32_t got = Moved(ReadFromStream(scratch, std::min(kStringPiece, n - done)));
-    v.append(scratch, static_cast<size_t>(got));
-    done += got;
+    const int32_t piece = std::min(kPerPiece, n - done);
+    v.resize(static_cast<size_t>(done + piece));
+    ReadFromStream(v.data() + done, piece * kUnit);
+    done += piece;
   }
 }
 
-void BasicStream::read(std::u16string& v) {
-  int32_t n = 0;
-  if (!readCount(n)) return;
-  v.clear();
-  char16_t* scratch = n > 0 ? wideScratch() : nullptr;
-  for (int32_t done = 0; done < n;) {
-    const int32_t want = std::min(kStringPiece, n - done) * 2;
-    const int32_t got = Moved(ReadFromStream(scratch, want));
-    v.append(scratch, static_cast<size_t>(got / 2));
-    done += got / 2;
-  }
-}
+void BasicStream::read(std::string& v) { readText(v); }
+
+void BasicStream::read(std::u16string& v) { readText(v); }
 
 int32_t BasicStream::lengthOf(const std::string& v) {
   const int32_t n = CountOf(v.size());

@@ -83,8 +83,6 @@ concept StrayWireType = (std::is_arithmetic_v<T> || std::is_pointer_v<T>);
 
 class BasicStream : public Buffer {
  public:
-  // Largest piece of string read through a scratch block, in code units.
-  static constexpr int32_t kStringPiece = 64;
   // Largest piece of blob content moved at once.
   static constexpr int32_t kBlobPiece = 65536;
   // Largest piece in which a file blob's content is read or written: a
@@ -188,6 +186,8 @@ class BasicStream : public Buffer {
   void writeNumbers(const std::vector<T>& v);
   template <class T>
   void readNumbers(std::vector<T>& v);
+  template <class Text>
+  void readText(Text& v);
   template <class T>
   void writeEach(const std::vector<T>& v);
   template <class T>
@@ -203,14 +203,10 @@ class BasicStream : public Buffer {
   // False, and n untouched, when no stream buffer is attached.
   bool readCount(int32_t& n);
 
-  char* narrowScratch();
-  char16_t* wideScratch();
   // At least `bytes` of scratch for blob content.
   uint8_t* blobScratch(int32_t bytes);
 
   // Allocated on first use and kept for the stream's life.
-  std::unique_ptr<char[]> m_narrowScratch;
-  std::unique_ptr<char16_t[]> m_wideScratch;
   std::unique_ptr<uint8_t[]> m_blobScratch;
   int32_t m_blobScratchSize = 0;
 };
