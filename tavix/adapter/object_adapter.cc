@@ -169,15 +169,9 @@ void ObjectAdapter::WaitUntilDestroy(uint64_t deadlineTick) {
   // The factories (and with them their hold on this adapter) go here.
 }
 
-ObjectAdapterStatus ObjectAdapter::GetStatus() {
-  ScopedLock guard(m_statusLock);
-  return m_status;
-}
+ObjectAdapterStatus ObjectAdapter::GetStatus() { return m_status.load(); }
 
-void ObjectAdapter::SetStatus(ObjectAdapterStatus status) {
-  ScopedLock guard(m_statusLock);
-  m_status = status;
-}
+void ObjectAdapter::SetStatus(ObjectAdapterStatus status) { m_status.store(status); }
 
 bool ObjectAdapter::RegisterDisconnectNotification(DisconnectCallback callback, void* context) {
   ScopedLock guard(m_callbackLock);

@@ -120,8 +120,9 @@ class ObjectAdapter : public IObjectHost {
 
  private:
 
-  ObjectAdapterStatus m_status = ADAPTER_INACTIVE;
-  SpinLock m_statusLock;
+  // Read by every request without a lock: a spin lock shared by all
+  // serving threads stalls them all whenever its holder is preempted.
+  std::atomic<ObjectAdapterStatus> m_status{ADAPTER_INACTIVE};
   ServantManager m_servants;
   std::map<SmartPtr<IPassport>, SmartPtr<IConnectionFactory>> m_passports;
   RecLock m_passportLock;

@@ -8,6 +8,7 @@
 #include "tavix/core/trace_log.h"
 #include "tavix/invoke/connection.h"
 #include "tavix/marshal/message_header.h"
+#include "tavix/marshal/stream_buffers.h"
 #include "tavix/platform/clock.h"
 #include "tavix/runtime/communicator.h"
 #include "tavix/transport/datagram_stream_buf.h"
@@ -33,6 +34,11 @@ ProxyHelper::ProxyHelper(ProxyObject* proxy, const std::u16string& operation, Op
 }
 
 ProxyHelper::~ProxyHelper() {
+  if (m_borrowed) {
+    m_input.Attach(nullptr);
+    m_output.Attach(nullptr);
+    m_connection->ReturnBuffers();
+  }
   m_proxy->m_callLock.unlock();
   m_proxy->m_communicator->EndCall();
 }
@@ -54,6 +60,7 @@ uint32_t ProxyHelper::PrepareIPC() {
     if (m_mode == TwoWay && m_connection->GetTransceiver()->IsBroadcast()) {
       return Err::BroadcastNeedsOneway;
     }
+    m_borrowed = m_connection->BorrowBuffers(m_inputBuffer, m_outputBuffer);
   }
   m_startTime = platform::SystemTimeAsFileTime();
 
@@ -62,16 +69,12 @@ uint32_t ProxyHelper::PrepareIPC() {
     m_proxy->m_perfmon.requestSize = m_length;
     m_downstream = ConnectionLink();
     if (m_datagram && m_length > m_connection->GetTransceiver()->MaxMessageSize()) return Err::IllegalBufferSize;
-    AttachMessageBuffer(m_output, m_length, m_downstream);
+    AttachMessageBuffer(m_output, m_outputBuffer, m_length, m_downstream);
     return 0;
   }
 
   m_requestId = RequestIdFor(m_mode);
-  RequestHead head;
-  head.requestId = m_requestId;
-  head.objectName = m_proxy->m_objectName;
-  head.operation = *m_operation;
-  m_length += HEADER_SIZE + head.lengthOf();
+  m_length += HEADER_SIZE + RequestHead::lengthOf(m_proxy->m_objectName, *m_operation);
   m_proxy->m_perfmon.requestSize = m_length;
   if (m_blobType == RequestToBlob) {
     m_downstream = SmartPtr<ITavixStreamBuf>(new StreamBlobBuf(m_blob));
@@ -80,15 +83,15 @@ uint32_t ProxyHelper::PrepareIPC() {
     // A datagram carries a whole message or nothing.
     if (m_datagram && m_length > m_connection->GetTransceiver()->MaxMessageSize()) return Err::IllegalBufferSize;
   }
-  AttachMessageBuffer(m_output, m_length, m_downstream);
+  AttachMessageBuffer(m_output, m_outputBuffer, m_length, m_downstream);
   WriteMessageHeader(m_output, MSG_REQUEST, m_length);
-  head.write(m_output);
+  RequestHead::write(m_output, m_requestId, m_proxy->m_objectName, *m_operation);
   return 0;
 }
 
 SmartPtr<ITavixStreamBuf> ProxyHelper::ConnectionLink() {
   const SmartPtr<ITransceiver>& transceiver = m_connection->GetTransceiver();
-  if (transceiver->MaxMessageSize() == 0) return SmartPtr<ITavixStreamBuf>(new StreamTransceiverBuf(transceiver));
+  if (transceiver->MaxMessageSize() == 0) return m_connection->StreamLink();
   m_datagram = MakeShared<DatagramStreamBuf>(transceiver);
   return m_datagram;
 }
@@ -131,7 +134,7 @@ uint32_t ProxyHelper::InvokeIPC() {
 uint32_t ProxyHelper::ReadReplyHead(int32_t size, ReplyHead& reply) {
   m_proxy->m_perfmon.replySize = size;
   m_replyBodySize = size - HEADER_SIZE;
-  AttachMessageBuffer(m_input, m_replyBodySize, m_downstream);
+  AttachMessageBuffer(m_input, m_inputBuffer, m_replyBodySize, m_downstream);
   reply.read(m_input);
   m_proxy->m_perfmon.serverTime = reply.serverTime;
   return reply.status;

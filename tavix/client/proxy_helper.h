@@ -45,6 +45,7 @@ namespace TAVIX {
 class Connection;
 class DatagramStreamBuf;
 class ProxyObject;
+class StreamMemBuf;
 
 class ProxyHelper {
  public:
@@ -114,6 +115,10 @@ class ProxyHelper {
   SmartPtr<DatagramStreamBuf> m_datagram;  // set on datagram connections
   FILETIME m_startTime = 0;
   SmartPtr<ITavixBlob> m_blob;
+  // The connection's buffers when it could lend them, otherwise our own.
+  SmartPtr<StreamMemBuf> m_inputBuffer;
+  SmartPtr<StreamMemBuf> m_outputBuffer;
+  bool m_borrowed = false;
 };
 
 }  // namespace TAVIX

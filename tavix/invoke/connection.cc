@@ -18,7 +18,9 @@
 #include "tavix/platform/clock.h"
 #include "tavix/platform/process.h"
 #include "tavix/platform/socket.h"
+#include "tavix/marshal/stream_buffers.h"
 #include "tavix/transport/datagram_stream_buf.h"
+#include "tavix/transport/stream_transceiver_buf.h"
 #include "tavix/transport/transceiver.h"
 
 namespace TAVIX {
@@ -110,7 +112,26 @@ Connection::~Connection() {
   m_thread = nullptr;
 }
 
-void Connection::SetTransceiver(const SmartPtr<ITransceiver>& transceiver) { m_transceiver = transceiver; }
+void Connection::SetTransceiver(const SmartPtr<ITransceiver>& transceiver) {
+  if (transceiver != m_transceiver) m_streamLink = nullptr;
+  m_transceiver = transceiver;
+}
+
+const SmartPtr<ITavixStreamBuf>& Connection::StreamLink() {
+  if (!m_streamLink) m_streamLink = MakeShared<StreamTransceiverBuf>(m_transceiver);
+  return m_streamLink;
+}
+
+bool Connection::BorrowBuffers(SmartPtr<StreamMemBuf>& input, SmartPtr<StreamMemBuf>& output) {
+  if (m_buffersLent.exchange(true)) return false;
+  if (!m_inputBuffer) {
+    m_inputBuffer = MakeShared<StreamMemBuf>();
+    m_outputBuffer = MakeShared<StreamMemBuf>();
+  }
+  input = m_inputBuffer;
+  output = m_outputBuffer;
+  return true;
+}
 
 void Connection::SetState(connectionState state) {
   ScopedLock guard(m_stateLock);
@@ -162,10 +183,8 @@ void Connection::SendCloseMsg() {
 }
 
 int Connection::RecvPacketHeader(MsgHeaderData& header, uint32_t timeoutMs) {
-  const int waited = m_transceiver->WaitForRecv(timeoutMs);
-  if (waited < 0) return waited;
   uint8_t bytes[HEADER_SIZE];
-  const int received = m_transceiver->Recvn(bytes, HEADER_SIZE);
+  const int received = m_transceiver->RecvMessageStart(bytes, HEADER_SIZE, timeoutMs);
   if (received <= 0) return received;
   header.Decode(bytes);
   if (const uint32_t code = header.Check(); code != 0) {

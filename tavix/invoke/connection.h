@@ -17,7 +17,9 @@
 namespace TAVIX {
 
 class DatagramStreamBuf;
+class ITavixStreamBuf;
 class ITransceiver;
+class StreamMemBuf;
 class IConnectionFactory;
 class ThreadPerConnection;
 struct MsgHeaderData;
@@ -42,6 +44,17 @@ class Connection : public virtual Shared {
 
   const SmartPtr<ITransceiver>& GetTransceiver() const { return m_transceiver; }
   void SetTransceiver(const SmartPtr<ITransceiver>& transceiver);
+
+  // The end of a message's stream chain on the transceiver, made once for
+  // it. Only the one reader and writer of the connection (the serving
+  // thread, or the call holding the proxy's call lock) asks for it.
+  const SmartPtr<ITavixStreamBuf>& StreamLink();
+  // Lends the memory buffers kept for one message each way, so that the
+  // messages of a connection reuse their blocks; false, with nothing lent,
+  // while someone else holds them. Return them once the streams that use
+  // them have let go.
+  bool BorrowBuffers(SmartPtr<StreamMemBuf>& input, SmartPtr<StreamMemBuf>& output);
+  void ReturnBuffers() { m_buffersLent.store(false); }
 
   // Setting StateClosed closes an open transceiver; setting the current
   // state does nothing at all.
@@ -105,6 +118,10 @@ class Connection : public virtual Shared {
   bool GetInServant() const { return m_inServant.load() != 0; }
 
   SmartPtr<ITransceiver> m_transceiver;
+  SmartPtr<ITavixStreamBuf> m_streamLink;
+  SmartPtr<StreamMemBuf> m_inputBuffer;
+  SmartPtr<StreamMemBuf> m_outputBuffer;
+  std::atomic<bool> m_buffersLent{false};
   std::atomic<int32_t> m_activated{0};
   std::atomic<int32_t> m_inServant{0};
   SmartPtr<ThreadPerConnection> m_thread;
@@ -113,6 +130,11 @@ class Connection : public virtual Shared {
   SpinLock m_stateLock;
   std::u16string m_requestObject;
   std::u16string m_requestOperation;
+  // The context strings of the last request, handed to the next one so
+  // that it reuses their room (serving thread only).
+  std::u16string m_keptObject;
+  std::u16string m_keptOperation;
+  std::u16string m_keptPeer;
   uint64_t m_requestStart = 0;  // 0: no request
   SpinLock m_requestLock;
 };

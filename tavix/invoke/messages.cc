@@ -4,10 +4,17 @@
 
 namespace TAVIX {
 
-void RequestHead::write(BasicStream& s) const {
+void RequestHead::write(BasicStream& s) const { write(s, requestId, objectName, operation); }
+
+void RequestHead::write(BasicStream& s, int32_t requestId, const std::u16string& objectName,
+                        const std::u16string& operation) {
   s.write(requestId);
   s.write(objectName);
   s.write(operation);
+}
+
+int32_t RequestHead::lengthOf(const std::u16string& objectName, const std::u16string& operation) {
+  return BasicStream::lengthOf(int32_t{0}) + BasicStream::lengthOf(objectName) + BasicStream::lengthOf(operation);
 }
 
 void RequestHead::read(BasicStream& s) {
@@ -17,8 +24,7 @@ void RequestHead::read(BasicStream& s) {
 }
 
 int32_t RequestHead::lengthOf() const {
-  return BasicStream::lengthOf(requestId) + BasicStream::lengthOf(objectName) +
-         BasicStream::lengthOf(operation);
+  return lengthOf(objectName, operation);
 }
 
 void ReplyHead::write(BasicStream& s) const {

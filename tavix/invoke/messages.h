@@ -37,6 +37,10 @@ struct RequestHead {
   void write(BasicStream& s) const;
   void read(BasicStream& s);
   int32_t lengthOf() const;
+  // The same encoding from the caller's own strings, with no copy of them.
+  static void write(BasicStream& s, int32_t requestId, const std::u16string& objectName,
+                    const std::u16string& operation);
+  static int32_t lengthOf(const std::u16string& objectName, const std::u16string& operation);
 };
 
 // Starts every reply body; always 16 bytes.

@@ -10,6 +10,7 @@
 #include "tavix/invoke/object.h"
 #include "tavix/invoke/object_host.h"
 #include "tavix/marshal/message_header.h"
+#include "tavix/marshal/stream_buffers.h"
 #include "tavix/transport/stream_transceiver_buf.h"
 #include "tavix/transport/transceiver.h"
 
@@ -21,22 +22,40 @@ ObjectHelper::ObjectHelper(const SmartPtr<Connection>& connection, const SmartPt
   m_reply.requestId = -1;
   m_connection->SetInServant(true);
   const SmartPtr<ITransceiver>& transceiver = m_connection->GetTransceiver();
-  if (!m_link) m_link = MakeShared<StreamTransceiverBuf>(transceiver);
-  AttachMessageBuffer(m_input, m_bodySize, m_link);
+  if (!m_link) m_link = m_connection->StreamLink();
+  m_borrowed = m_connection->BorrowBuffers(m_inputBuffer, m_outputBuffer);
+  if (m_borrowed) SwapKeptStrings();
+  AttachMessageBuffer(m_input, m_inputBuffer, m_bodySize, m_link);
   m_socket = static_cast<uint32_t>(transceiver->GetHandle());
 }
 
 ObjectHelper::~ObjectHelper() {
+  if (m_borrowed) {
+    m_input.Attach(nullptr);
+    m_output.Attach(nullptr);
+    SwapKeptStrings();
+    m_connection->ReturnBuffers();
+  }
   m_connection->EndRequest();
   m_connection->SetInServant(false);
 }
 
+void ObjectHelper::SwapKeptStrings() {
+  m_context.objectName.swap(m_connection->m_keptObject);
+  m_context.operation.swap(m_connection->m_keptOperation);
+  m_context.peerAddress.swap(m_connection->m_keptPeer);
+}
+
 void ObjectHelper::Invoke() {
+  // The head is read into the context's strings, whose room may be kept
+  // from the connection's last request.
   RequestHead head;
+  head.objectName.swap(m_context.objectName);
+  head.operation.swap(m_context.operation);
   head.read(m_input);
   m_context.connectionId = m_socket;
-  m_context.objectName = std::move(head.objectName);
-  m_context.operation = std::move(head.operation);
+  m_context.objectName.swap(head.objectName);
+  m_context.operation.swap(head.operation);
   m_context.oneway = head.requestId == 0 ? 1 : 0;
   m_connection->BeginRequest(m_context.objectName, m_context.operation);
   m_connection->GetTransceiver()->GetPeer(m_context.peerAddress, m_context.peerPort);
@@ -100,7 +119,7 @@ void ObjectHelper::FinishServant(uint32_t status, int32_t resultLength, const FI
   // A reply made before any servant ran has no start to measure from.
   m_reply.serverTime = m_startTime == 0 ? 0.0 : ElapsedMs(&m_startTime, &endTime);
   m_replySize += HEADER_SIZE + ReplyHead::lengthOf() + resultLength;
-  AttachMessageBuffer(m_output, m_replySize, m_link);
+  AttachMessageBuffer(m_output, m_outputBuffer, m_replySize, m_link);
   WriteMessageHeader(m_output, MSG_REPLY, m_replySize);
   m_reply.write(m_output);
 }

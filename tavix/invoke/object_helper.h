@@ -17,6 +17,7 @@ namespace TAVIX {
 
 class Connection;
 class IObjectHost;
+class StreamMemBuf;
 
 class ObjectHelper {
  public:
@@ -49,6 +50,8 @@ class ObjectHelper {
 
  private:
   void Dispatch();
+  // Trades the context's strings with those the connection keeps.
+  void SwapKeptStrings();
   // Reads and drops what the servant left of the body, so that the next
   // header read starts at a message boundary.
   void DrainBody();
@@ -64,6 +67,10 @@ class ObjectHelper {
   BasicStream m_input;
   BasicStream m_output;
   SmartPtr<ITavixStreamBuf> m_link;
+  // The connection's buffers when it could lend them, otherwise our own.
+  SmartPtr<StreamMemBuf> m_inputBuffer;
+  SmartPtr<StreamMemBuf> m_outputBuffer;
+  bool m_borrowed = false;
   bool m_finished = false;
 };
 

@@ -54,6 +54,19 @@ int32_t Moved(int32_t r) {
 
 }  // namespace
 
+// ---- ITavixStreamBuf ----
+
+int32_t ITavixStreamBuf::sputPair(const void* first, int32_t firstCount, const void* second, int32_t secondCount) {
+  int32_t taken = 0;
+  if (firstCount > 0) {
+    taken = sputn(first, firstCount);
+    if (taken < firstCount) return taken;
+  }
+  if (secondCount < 1) return taken;
+  const int32_t r = sputn(second, secondCount);
+  return r < 0 ? r : taken + r;
+}
+
 // ---- Buffer ----
 
 int32_t Buffer::WriteToStream(const void* data, int32_t count) {
@@ -84,9 +97,8 @@ int32_t Buffer::Flush() { return m_streamBuf ? m_streamBuf->flush() : 0; }
 
 void BasicStream::swap(BasicStream& other) noexcept {
   Buffer::swap(other);
-  m_narrowScratch.swap(other.m_narrowScratch);
-  m_wideScratch.swap(other.m_wideScratch);
   m_blobScratch.swap(other.m_blobScratch);
+  std::swap(m_blobScratchSize, other.m_blobScratchSize);
 }
 
 void BasicStream::writeSize(int32_t n) {
@@ -134,35 +146,30 @@ void BasicStream::writeBlob(const SmartPtr<ITavixBlob>& blob) {
   if (size >= 1 && size != kBlobFailure) writeBlobContent(*blob, size);
 }
 
-// Memory content goes in one transfer; file content in pieces through the
-// blob scratch block, so a file of any size is never held in memory whole.
+// Memory content goes in one transfer; file content in large pieces
+// through the blob scratch block, so a file of any size is never held in
+// memory whole.
 void BasicStream::writeBlobContent(ITavixBlob& blob, uint64_t size) {
   if (blob.Type() == MemBlob && size <= static_cast<uint64_t>(kMaxCount)) {
     WriteToStream(blob.Data(), static_cast<int32_t>(size));
     return;
   }
-  uint8_t* scratch = blobScratch();
+  const auto scratchSize = static_cast<int32_t>(std::min<uint64_t>(kFileBlobPiece, size));
+  uint8_t* scratch = blobScratch(scratchSize);
   uint64_t sent = 0;
   while (sent < size) {
-    const auto piece = static_cast<int32_t>(std::min<uint64_t>(kBlobPiece, size - sent));
+    const auto piece = static_cast<int32_t>(std::min<uint64_t>(scratchSize, size - sent));
     const int32_t got = blob.Read(scratch, piece, sent);
     // A read that yields nothing makes the write an empty transfer.
     sent += static_cast<uint64_t>(Moved(WriteToStream(scratch, std::max(got, 0))));
   }
 }
 
-char* BasicStream::narrowScratch() {
-  if (!m_narrowScratch) m_narrowScratch.reset(new char[kStringPiece]);
-  return m_narrowScratch.get();
-}
-
-char16_t* BasicStream::wideScratch() {
-  if (!m_wideScratch) m_wideScratch.reset(new char16_t[kStringPiece]);
-  return m_wideScratch.get();
-}
-
-uint8_t* BasicStream::blobScratch() {
-  if (!m_blobScratch) m_blobScratch.reset(new uint8_t[kBlobPiece]);
+uint8_t* BasicStream::blobScratch(int32_t bytes) {
+  if (m_blobScratchSize < bytes) {
+    m_blobScratch.reset(new uint8_t[static_cast<size_t>(bytes)]);
+    m_blobScratchSize = bytes;
+  }
   return m_blobScratch.get();
 }
 
@@ -181,7 +188,7 @@ void BasicStream::write(double v) { WriteToStream(&v, 8); }
 
 // A byte other than 0 and 1 cannot live in a bool; it reads as true.
 void BasicStream::read(bool& v) {
-  uint8_t b = 0;
+  uint8_t b = v ? 1 : 0;
   ReadFromStream(&b, 1);
   v = b != 0;
 }
@@ -206,34 +213,26 @@ void BasicStream::write(const std::u16string& v) {
   if (bytes > 0) WriteToStream(v.data(), bytes);
 }
 
-// A string grows with the bytes that arrive, so a forged length costs no
-// more than the bytes that came; growth doubles, and large strings grow in
-// place (the allocator remaps their pages), so reading costs about one copy
-// of the payload.
-void BasicStream::read(std::string& v) {
+// Straight into the string, grown piece by piece with the bytes that
+// arrive, so that a forged length costs no more than the bytes that come.
+template <class Text>
+void BasicStream::readText(Text& v) {
   int32_t n = 0;
   if (!readCount(n)) return;
+  constexpr int32_t kUnit = sizeof(typename Text::value_type);
+  constexpr int32_t kPerPiece = static_cast<int32_t>(kNumberPiece / kUnit);
   v.clear();
-  char* scratch = n > 0 ? narrowScratch() : nullptr;
   for (int32_t done = 0; done < n;) {
-    const int32_t got = Moved(ReadFromStream(scratch, std::min(kStringPiece, n - done)));
-    v.append(scratch, static_cast<size_t>(got));
-    done += got;
+    const int32_t piece = std::min(kPerPiece, n - done);
+    v.resize(static_cast<size_t>(done + piece));
+    ReadFromStream(v.data() + done, piece * kUnit);
+    done += piece;
   }
 }
 
-void BasicStream::read(std::u16string& v) {
-  int32_t n = 0;
-  if (!readCount(n)) return;
-  v.clear();
-  char16_t* scratch = n > 0 ? wideScratch() : nullptr;
-  for (int32_t done = 0; done < n;) {
-    const int32_t want = std::min(kStringPiece, n - done) * 2;
-    const int32_t got = Moved(ReadFromStream(scratch, want));
-    v.append(scratch, static_cast<size_t>(got / 2));
-    done += got / 2;
-  }
-}
+void BasicStream::read(std::string& v) { readText(v); }
+
+void BasicStream::read(std::u16string& v) { readText(v); }
 
 int32_t BasicStream::lengthOf(const std::string& v) {
   const int32_t n = CountOf(v.size());
@@ -270,16 +269,50 @@ void BasicStream::read(SmartPtr<ITavixBlob>& v) {
   } else {
     v = CreateTavixBlob(static_cast<uint64_t>(n));
   }
-  uint8_t* scratch = blobScratch();
-  for (int32_t done = 0; done < n;) {
-    const int32_t got = Moved(ReadFromStream(scratch, std::min(kBlobPiece, n - done)));
+  readBlobContent(*v, n);
+}
+
+void BasicStream::readBlobContent(ITavixBlob& blob, int32_t n) {
+  int32_t done = blob.Type() == MemBlob ? readIntoMemory(blob, n) : 0;
+  if (done == n) return;
+  const int32_t scratchSize = std::min(kFileBlobPiece, n - done);
+  uint8_t* scratch = blobScratch(scratchSize);
+  while (done < n) {
+    const int32_t got = Moved(ReadFromStream(scratch, std::min(scratchSize, n - done)));
     // Content that cannot be stored is an error, not a shorter blob.
-    if (v->Append(scratch, got) < 0) {
+    if (blob.Append(scratch, got) < 0) {
       const uint32_t error = TavixGetLastError();
       TavixThrow(error != 0 ? error : Err::BlobIoError);
     }
     done += got;
   }
+}
+
+// Grows in pieces as the bytes arrive, so that a forged size costs no more
+// memory than the bytes that really come.
+int32_t BasicStream::readIntoMemory(ITavixBlob& blob, int32_t n) {
+  int32_t done = 0;
+  while (done < n) {
+    const auto piece = static_cast<int32_t>(std::min<int64_t>(kNumberPiece, n - done));
+    const uint64_t end = static_cast<uint64_t>(done) + static_cast<uint64_t>(piece);
+    if (blob.Resize(end) != end) {
+      const uint32_t error = TavixGetLastError();
+      TavixThrow(error != 0 ? error : Err::BlobIoError);
+    }
+    // An automatic blob moves to a file as it grows: the rest goes there.
+    if (blob.Type() != MemBlob || blob.Data() == nullptr) {
+      blob.Resize(static_cast<uint64_t>(done));
+      return done;
+    }
+    try {
+      ReadFromStream(static_cast<uint8_t*>(blob.Data()) + done, piece);
+    } catch (...) {
+      blob.Resize(static_cast<uint64_t>(done));  // only what really came
+      throw;
+    }
+    done += piece;
+  }
+  return done;
 }
 
 int32_t BasicStream::lengthOf(const SmartPtr<ITavixBlob>& v) {

@@ -28,6 +28,10 @@ class ITavixStreamBuf : public virtual Shared {
   virtual int32_t sputn(const void* data, int32_t count) = 0;
   // Delivers up to `count` bytes; 0 when none are left.
   virtual int32_t sgetn(void* data, int32_t count) = 0;
+  // Takes `first` and then `second` as one run of bytes and returns what
+  // sputn of their joined bytes would. A link that can hand both on in one
+  // transfer (a gathering send) does; this default passes them one by one.
+  virtual int32_t sputPair(const void* first, int32_t firstCount, const void* second, int32_t secondCount);
   // Bytes moved through this link since it was last cleared.
   virtual int32_t size() = 0;
   // The most bytes this link may move in all.
@@ -79,10 +83,12 @@ concept StrayWireType = (std::is_arithmetic_v<T> || std::is_pointer_v<T>);
 
 class BasicStream : public Buffer {
  public:
-  // Largest piece of string read through a scratch block, in code units.
-  static constexpr int32_t kStringPiece = 64;
   // Largest piece of blob content moved at once.
   static constexpr int32_t kBlobPiece = 65536;
+  // Largest piece in which a file blob's content is read or written: a
+  // blob file is scratch space, best served by few large sequential
+  // transfers.
+  static constexpr int32_t kFileBlobPiece = 1 << 20;
   // A blob this large or larger cannot be carried inline.
   static constexpr uint64_t kMaxInlineBlob = 0x7FFFFFFF;
 
@@ -180,22 +186,29 @@ class BasicStream : public Buffer {
   void writeNumbers(const std::vector<T>& v);
   template <class T>
   void readNumbers(std::vector<T>& v);
+  template <class Text>
+  void readText(Text& v);
   template <class T>
   void writeEach(const std::vector<T>& v);
   template <class T>
   void readEach(std::vector<T>& v);
   void writeBlobContent(ITavixBlob& blob, uint64_t size);
+  // Reads `n` bytes of content into the (emptied) blob: straight into its
+  // memory while it is a memory blob, through the scratch block otherwise.
+  void readBlobContent(ITavixBlob& blob, int32_t n);
+  // Reads into a memory blob's own memory, growing it piece by piece with
+  // the bytes that arrive; returns how many it read, which falls short of
+  // `n` only when the blob stopped being a memory blob as it grew.
+  int32_t readIntoMemory(ITavixBlob& blob, int32_t n);
   // False, and n untouched, when no stream buffer is attached.
   bool readCount(int32_t& n);
 
-  char* narrowScratch();
-  char16_t* wideScratch();
-  uint8_t* blobScratch();
+  // At least `bytes` of scratch for blob content.
+  uint8_t* blobScratch(int32_t bytes);
 
   // Allocated on first use and kept for the stream's life.
-  std::unique_ptr<char[]> m_narrowScratch;
-  std::unique_ptr<char16_t[]> m_wideScratch;
   std::unique_ptr<uint8_t[]> m_blobScratch;
+  int32_t m_blobScratchSize = 0;
 };
 
 }  // namespace TAVIX

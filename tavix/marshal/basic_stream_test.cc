@@ -131,7 +131,7 @@ TEST(BasicStreamBlob, InlineBlobsInSequencesReuseTheirTargets) {
 
 TEST(BasicStreamBlob, LargeBlobsTravelInPiecesThroughFiles) {
   // A file blob of 3 MiB + 1 goes out in pieces and comes back as a new
-  // file blob, never asked for more than a block at a time.
+  // file blob, never asked for more than a file piece at a time.
   const uint32_t size = (3u << 20) + 1;
   SmartPtr<ITavixBlob> source = CreateTavixFileBlob();
   const Bytes content = Pattern(size, 3);
@@ -148,7 +148,7 @@ TEST(BasicStreamBlob, LargeBlobsTravelInPiecesThroughFiles) {
   Bytes back(size);
   ASSERT_EQ(target->Read(back.data(), static_cast<int32_t>(size), 0), static_cast<int32_t>(size));
   EXPECT_EQ(back, content);
-  EXPECT_LE(*std::max_element(d.source->asked.begin(), d.source->asked.end()), StreamMemBuf::kBlockSize);
+  EXPECT_LE(*std::max_element(d.source->asked.begin(), d.source->asked.end()), BasicStream::kFileBlobPiece);
 }
 
 TEST(BasicStreamBlob, OversizedBlobIsRefusedAndNothingWritten) {

@@ -11,9 +11,18 @@ constexpr std::array<uint8_t, 4> kMagic = {'X', 'G', 'R', 'Q'};
 constexpr std::array<uint8_t, 4> kVersion = {1, 2, 1, 1};
 constexpr size_t kCrcOffset = 18;
 
-// Four reflected shift steps with 0xA001 applied to each nibble value.
-constexpr uint16_t kNibbleTable[16] = {0x0000, 0xCC01, 0xD801, 0x1400, 0xF001, 0x3C00, 0x2800, 0xE401,
-                                       0xA001, 0x6C00, 0x7800, 0xB401, 0x5000, 0x9C01, 0x8801, 0x4400};
+// Eight reflected shift steps with 0xA001 applied to each byte value: one
+// look-up per byte, as every message header is summed on both ends.
+constexpr std::array<uint16_t, 256> kByteTable = [] {
+  std::array<uint16_t, 256> table{};
+  for (uint32_t value = 0; value < 256; ++value) {
+    uint32_t crc = value;
+    for (int bit = 0; bit < 8; ++bit) crc = (crc & 1) != 0 ? (crc >> 1) ^ 0xA001 : crc >> 1;
+    table[value] = static_cast<uint16_t>(crc);
+  }
+  return table;
+}();
+static_assert(kByteTable[1] == 0xC0C1 && kByteTable[255] == 0x4040);
 
 void PutLe32(uint8_t* out, uint32_t v) {
   for (int i = 0; i < 4; ++i) out[i] = static_cast<uint8_t>(v >> (8 * i));
@@ -29,9 +38,7 @@ uint32_t GetLe32(const uint8_t* in) {
 uint16_t Crc16(const uint8_t* data, uint16_t length) {
   uint16_t crc = 0xFFFF;
   for (uint16_t i = 0; i < length; ++i) {
-    const uint8_t b = data[i];
-    crc = static_cast<uint16_t>((crc >> 4) ^ kNibbleTable[(crc ^ b) & 0xF]);
-    crc = static_cast<uint16_t>((crc >> 4) ^ kNibbleTable[(crc ^ (b >> 4)) & 0xF]);
+    crc = static_cast<uint16_t>((crc >> 8) ^ kByteTable[(crc ^ data[i]) & 0xFF]);
   }
   return crc;
 }

@@ -17,10 +17,13 @@ int32_t StreamMemBuf::reserve(int32_t bytes) {
     return 0;
   }
   if (bytes <= m_capacity) return 0;
-  void* grown = std::realloc(m_block.get(), static_cast<size_t>(bytes));
-  if (grown == nullptr) throw std::bad_alloc();
-  (void)m_block.release();  // realloc took ownership of the old block
-  m_block.reset(static_cast<uint8_t*>(grown));
+  if (bytes > m_allocated) {
+    void* grown = std::realloc(m_block.get(), static_cast<size_t>(bytes));
+    if (grown == nullptr) throw std::bad_alloc();
+    (void)m_block.release();  // realloc took ownership of the old block
+    m_block.reset(static_cast<uint8_t*>(grown));
+    m_allocated = bytes;
+  }
   m_capacity = bytes;
   return bytes;
 }
@@ -37,7 +40,17 @@ int32_t StreamMemBuf::sputn(const void* data, int32_t count) {
   if (n <= 0) return 0;
   const auto* from = static_cast<const uint8_t*>(data);
   int32_t taken = 0;
+  bool passOn = static_cast<bool>(m_next);
   while (taken < n) {
+    if (passOn && n - taken > m_capacity - m_fill) {
+      const int32_t held = m_fill;
+      const int32_t r = passThrough(from + taken, n - taken);
+      if (r < 0) return r;
+      taken += r;
+      // A next link that takes nothing gets the bytes block by block.
+      if (r == 0 && m_fill == held) passOn = false;
+      continue;
+    }
     if (m_fill < m_capacity) {
       const int32_t piece = std::min(n - taken, m_capacity - m_fill);
       std::memcpy(m_block.get() + m_fill, from + taken, static_cast<size_t>(piece));
@@ -51,6 +64,24 @@ int32_t StreamMemBuf::sputn(const void* data, int32_t count) {
     if (r < 0) return r;
   }
   return taken;
+}
+
+// More than the block has room for: the held bytes and the new ones go to
+// the next link together, in one transfer and without being copied. The
+// held bytes it took are dropped. Returns the count of new bytes it took,
+// or the next link's error.
+int32_t StreamMemBuf::passThrough(const uint8_t* data, int32_t count) {
+  const int32_t held = m_fill;
+  const int32_t r = m_next->sputPair(m_block.get(), held, data, count);
+  if (r <= 0) return r;
+  if (r < held) {
+    dropFront(r);
+    return 0;
+  }
+  const int32_t own = std::min(r - held, count);
+  m_fill = 0;
+  m_position += own;
+  return own;
 }
 
 // The block is full: hand it to the next link, or make it larger when
@@ -115,9 +146,16 @@ int32_t StreamMemBuf::sgetn(void* data, int32_t count) {
       delivered += piece;
       continue;
     }
-    const int32_t r = underflow();
+    // A read at least a block long goes straight into the caller's memory.
+    const bool through = m_next && m_capacity > 0 && n - delivered >= m_capacity;
+    const int32_t r = through ? m_next->sgetn(to + delivered, n - delivered) : underflow();
     if (r == 0) break;
     if (r < 0) return r;
+    if (through) {
+      const int32_t got = std::min(r, n - delivered);
+      m_position += got;
+      delivered += got;
+    }
   }
   return delivered;
 }
@@ -139,7 +177,10 @@ int32_t StreamMemBuf::underflow() {
 void StreamMemBuf::clear() {
   if (m_next) m_next->clear();
   m_mode = kUnused;
-  m_block.reset();
+  if (m_allocated > kBlockSize) {
+    m_block.reset();
+    m_allocated = 0;
+  }
   m_capacity = 0;
   m_position = 0;
   m_readIndex = 0;
@@ -179,6 +220,21 @@ SmartPtr<StreamMemBuf> AttachMessageBuffer(Buffer& stream, int32_t bytes,
   buffer->setLimit(bytes);
   buffer->setNext(next);
   return buffer;
+}
+
+void AttachMessageBuffer(Buffer& stream, SmartPtr<StreamMemBuf>& buffer, int32_t bytes,
+                         const SmartPtr<ITavixStreamBuf>& next) {
+  if (!buffer) {
+    buffer = AttachMessageBuffer(stream, bytes, next);
+    return;
+  }
+  // The link below belonged to the last message: it is let go, not cleared.
+  buffer->setNext(nullptr);
+  buffer->clear();
+  stream.Attach(buffer);
+  buffer->reserve(std::min(bytes, StreamMemBuf::kBlockSize));
+  buffer->setLimit(bytes);
+  buffer->setNext(next);
 }
 
 }  // namespace TAVIX

@@ -49,6 +49,7 @@ class StreamMemBuf : public ITavixStreamBuf {
   };
 
   int32_t overflow();
+  int32_t passThrough(const uint8_t* data, int32_t count);
   int32_t underflow();
   // Keeps the bytes next did not take at the start of the block.
   void dropFront(int32_t taken);
@@ -57,7 +58,10 @@ class StreamMemBuf : public ITavixStreamBuf {
 
   int32_t m_mode = kUnused;
   std::unique_ptr<uint8_t, FreeDeleter> m_block;
+  // The room offered, and the bytes really allocated: clear keeps a block
+  // of up to kBlockSize for the next message through this buffer.
   int32_t m_capacity = 0;
+  int32_t m_allocated = 0;
   int32_t m_position = 0;
   int32_t m_limit = kNoLimit;
   int32_t m_readIndex = 0;
@@ -98,6 +102,11 @@ class StreamBlobBuf : public EndStreamBuf {
 // `bytes` and kBlockSize, limit `bytes`, then `next` below it.
 SmartPtr<StreamMemBuf> AttachMessageBuffer(Buffer& stream, int32_t bytes,
                                            const SmartPtr<ITavixStreamBuf>& next);
+// The same through `buffer`: made when null, otherwise cleared and reused
+// with the block it kept, so that the messages of a connection cost no
+// allocation of their own.
+void AttachMessageBuffer(Buffer& stream, SmartPtr<StreamMemBuf>& buffer, int32_t bytes,
+                         const SmartPtr<ITavixStreamBuf>& next);
 
 }  // namespace TAVIX
 

@@ -7,12 +7,14 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdint>
 
 #include "tavix/platform/last_error.h"
 
@@ -229,6 +231,29 @@ int32_t SocketView::Send(const void* data, int32_t length) const {
 
 int32_t SocketView::Recv(void* data, int32_t length) const {
   return static_cast<int32_t>(Retried([&] { return ::recv(m_handle, data, static_cast<size_t>(length), 0); }));
+}
+
+int32_t SocketView::SendGather(const ConstBytes* pieces, int32_t count) const {
+  constexpr int32_t kMaxPieces = 64;
+  if (count < 0 || count > kMaxPieces) {
+    SetLastError(EINVAL);
+    return -1;
+  }
+  iovec vector[kMaxPieces];
+  size_t total = 0;
+  for (int32_t i = 0; i < count; ++i) {
+    vector[i].iov_base = const_cast<void*>(pieces[i].data);
+    vector[i].iov_len = static_cast<size_t>(pieces[i].length);
+    total += vector[i].iov_len;
+  }
+  if (total > INT32_MAX) {
+    SetLastError(EINVAL);
+    return -1;
+  }
+  msghdr message{};
+  message.msg_iov = vector;
+  message.msg_iovlen = static_cast<size_t>(count);
+  return static_cast<int32_t>(Retried([&] { return ::sendmsg(m_handle, &message, MSG_NOSIGNAL); }));
 }
 
 int32_t SocketView::SendTo(const void* data, int32_t length, const void* address, uint32_t addressLength) const {

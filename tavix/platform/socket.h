@@ -13,6 +13,12 @@ inline constexpr int32_t kInvalidSocket = -1;
 
 enum class SocketType { kStream, kDatagram };
 
+// One piece of a gathered send.
+struct ConstBytes {
+  const void* data;
+  int32_t length;
+};
+
 // What Poll waits for. Readable includes the peer's orderly close, a local
 // shutdown and a pending error, so a woken reader always learns something.
 enum class PollFor { kRead, kWrite };
@@ -77,6 +83,10 @@ class SocketView {
   // SIGPIPE; a send to a closed peer fails with EPIPE instead.
   int32_t Send(const void* data, int32_t length) const;
   int32_t Recv(void* data, int32_t length) const;
+  // The pieces in order as one run of bytes, in one call: what the socket
+  // took of them all (a blocking socket takes everything unless a time-out
+  // or an error cuts it short), -1 on failure. At most 64 pieces.
+  int32_t SendGather(const ConstBytes* pieces, int32_t count) const;
   int32_t SendTo(const void* data, int32_t length, const void* address, uint32_t addressLength) const;
   int32_t RecvFrom(void* data, int32_t length, void* address, uint32_t& addressLength) const;
 

@@ -19,10 +19,7 @@ Communicator::~Communicator() {
   if (!m_waited.load()) WaitForShutdown();
 }
 
-bool Communicator::IsShutdown() {
-  ScopedLock guard(m_flagLock);
-  return m_shutdownFlag;
-}
+bool Communicator::IsShutdown() { return m_shutdownFlag.load(); }
 
 SmartPtr<ObjectAdapter> Communicator::CreateObjectAdapter(const std::u16string& name) {
   if (IsShutdown()) {
@@ -43,11 +40,7 @@ SmartPtr<ObjectAdapter> Communicator::CreateObjectAdapter(const std::string& nam
 }
 
 void Communicator::Shutdown() {
-  {
-    ScopedLock guard(m_flagLock);
-    if (m_shutdownFlag) return;
-    m_shutdownFlag = true;
-  }
+  if (m_shutdownFlag.exchange(true)) return;
   ScopedLock guard(m_adaptersLock);
   for (auto& [name, adapter] : m_adapters) adapter->Destroy();
 }

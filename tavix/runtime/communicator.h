@@ -72,8 +72,9 @@ class Communicator : public virtual Shared {
   RecLock m_connectionsLock;
   std::map<std::u16string, SmartPtr<ObjectAdapter>> m_adapters;
   RecLock m_adaptersLock;
-  bool m_shutdownFlag = false;
-  SpinLock m_flagLock;
+  // Read by every call: a lock shared by all calling threads would stall
+  // them all whenever its holder is preempted.
+  std::atomic<bool> m_shutdownFlag{false};
   std::atomic<int32_t> m_activeCalls{0};
   std::atomic<uint32_t> m_graceMs{kDefaultGracePeriodMs};
   std::atomic<bool> m_waited{false};

@@ -25,6 +25,11 @@ int32_t StreamTransceiverBuf::sputn(const void* data, int32_t count) {
   return CheckedTransfer(m_transceiver->Send(data, count));
 }
 
+int32_t StreamTransceiverBuf::sputPair(const void* first, int32_t firstCount, const void* second,
+                                       int32_t secondCount) {
+  return CheckedTransfer(m_transceiver->SendPair(first, firstCount, second, secondCount));
+}
+
 int32_t StreamTransceiverBuf::sgetn(void* data, int32_t count) {
   return CheckedTransfer(m_transceiver->Recvn(data, count));
 }

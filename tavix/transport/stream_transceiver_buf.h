@@ -11,7 +11,8 @@
 
 namespace TAVIX {
 
-// Writes are the transceiver's Send, reads its Recvn. A closed peer raises
+// Writes are the transceiver's Send (SendPair for two pieces), reads its
+// Recvn. A closed peer raises
 // Err::ConnectionClosed; a failure raises the thread's last error.
 class StreamTransceiverBuf : public EndStreamBuf {
  public:
@@ -22,6 +23,8 @@ class StreamTransceiverBuf : public EndStreamBuf {
 
   int32_t sputn(const void* data, int32_t count) override;
   int32_t sgetn(void* data, int32_t count) override;
+  // One gathering send of both pieces.
+  int32_t sputPair(const void* first, int32_t firstCount, const void* second, int32_t secondCount) override;
 
  private:
   SmartPtr<ITransceiver> m_transceiver;

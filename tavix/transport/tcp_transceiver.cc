@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstring>
 #include <utility>
 
 #include "tavix/core/errors.h"
@@ -50,6 +52,11 @@ void TcpTransceiver::Attach(platform::Socket socket, const InetAddr& peer) {
   m_socket = std::move(socket);
   m_peerAddress = dotted != nullptr ? dotted : u"";
   m_peerPort = peer.Port();
+  // Nothing of an earlier socket may be read from this one.
+  m_aheadBegin = 0;
+  m_aheadEnd = 0;
+  m_stallTimeoutMs.store(0);
+  m_socketTimeoutMs.store(0);
   ApplyTcpOptionsLocked();
 }
 
@@ -78,6 +85,38 @@ int32_t TcpTransceiver::WaitForSend(uint32_t timeoutMs) {
   return IsOpen() ? ready : -3;
 }
 
+int32_t TcpTransceiver::WaitForRecv(uint32_t timeoutMs) {
+  if (m_aheadBegin < m_aheadEnd) return IsOpen() ? 1 : -3;
+  return SocketTransceiver::WaitForRecv(timeoutMs);
+}
+
+int32_t TcpTransceiver::TakeAhead(void* buffer, int32_t length) {
+  const int32_t n = std::min(length, m_aheadEnd - m_aheadBegin);
+  if (n <= 0) return 0;
+  std::memcpy(buffer, m_ahead.get() + m_aheadBegin, static_cast<size_t>(n));
+  m_aheadBegin += n;
+  return n;
+}
+
+int32_t TcpTransceiver::FillAhead(const platform::SocketView& socket) {
+  if (!m_ahead) m_ahead = std::make_unique<uint8_t[]>(kReadAhead);
+  m_aheadBegin = 0;
+  m_aheadEnd = 0;
+  const int32_t count = socket.Recv(m_ahead.get(), kReadAhead);
+  if (count > 0) m_aheadEnd = count;
+  return count;
+}
+
+int32_t TcpTransceiver::ReceiveFailure(const char16_t* trace) {
+  // The socket blocks: "would block" means its receive time-out passed.
+  if (LastErrorIsWouldBlock()) {
+    TavixSetLastError(Err::ReceiveTimeout);
+    return -2;
+  }
+  TraceError(trace);
+  return -1;
+}
+
 int32_t TcpTransceiver::Recv(void* buffer, int32_t length) {
   const Pin pin(*this);
   if (!pin) return -3;
@@ -85,15 +124,10 @@ int32_t TcpTransceiver::Recv(void* buffer, int32_t length) {
     TavixSetLastError(Err::IllegalBufferSize);
     return -2;
   }
+  if (m_aheadBegin < m_aheadEnd) return TakeAhead(buffer, length);
   const int32_t count = pin.Socket().Recv(buffer, length);
   if (count >= 0) return count;
-  // The socket blocks: "would block" means the stall time-out passed.
-  if (LastErrorIsWouldBlock()) {
-    TavixSetLastError(Err::ReceiveTimeout);
-    return -2;
-  }
-  TraceError(u"TcpTransceiver::Recv, recv error:%d,%s\n");
-  return -1;
+  return ReceiveFailure(u"TcpTransceiver::Recv, recv error:%d,%s\n");
 }
 
 int32_t TcpTransceiver::Recvn(void* buffer, int32_t length) {
@@ -103,25 +137,65 @@ int32_t TcpTransceiver::Recvn(void* buffer, int32_t length) {
     TavixSetLastError(Err::IllegalBufferSize);
     return -2;
   }
+  return RecvnPinned(pin.Socket(), buffer, length);
+}
+
+int32_t TcpTransceiver::RecvnPinned(const platform::SocketView& socket, void* buffer, int32_t length) {
   auto* next = static_cast<char*>(buffer);
-  for (int32_t left = length; left > 0;) {
-    const int32_t count = pin.Socket().Recv(next, left);
+  int32_t left = length;
+  const int32_t ahead = TakeAhead(next, left);
+  next += ahead;
+  left -= ahead;
+  while (left > 0) {
+    // Small remainders come through the read-ahead block, so that whatever
+    // follows them arrives in the same receive; large ones land in place.
+    int32_t count = 0;
+    if (left < kReadAhead) {
+      count = FillAhead(socket);
+      if (count > 0) count = TakeAhead(next, left);
+    } else {
+      count = socket.Recv(next, left);
+    }
     if (count == 0) return 0;
-    if (count > 0) {
-      next += count;
-      left -= count;
-      continue;
-    }
-    // A blocking socket says "would block" only when its stall time-out
-    // passed without a byte.
-    if (LastErrorIsWouldBlock()) {
-      TavixSetLastError(Err::ReceiveTimeout);
-      return -2;
-    }
-    TraceError(u"TcpTransceiver::Recvn, recv error:%d,%s\n");
-    return -1;
+    if (count < 0) return ReceiveFailure(u"TcpTransceiver::Recvn, recv error:%d,%s\n");
+    next += count;
+    left -= count;
   }
   return length;
+}
+
+int32_t TcpTransceiver::RecvMessageStart(void* buffer, int32_t length, uint32_t timeoutMs) {
+  const Pin pin(*this);
+  if (!pin) return -3;
+  if (length < 1) {
+    TavixSetLastError(Err::IllegalBufferSize);
+    return -2;
+  }
+  if (m_aheadBegin == m_aheadEnd) {
+    const uint32_t limit = timeoutMs != 0 ? timeoutMs : m_stallTimeoutMs.load();
+    if (!ApplyReceiveTimeout(pin.Socket(), limit)) {
+      TraceError(u"TcpTransceiver::RecvMessageStart, setsockopt error:%d,%s\n");
+      return -1;
+    }
+    for (;;) {
+      const int32_t count = FillAhead(pin.Socket());
+      if (count > 0) break;
+      // A close from another thread wakes the receive with an end of
+      // stream; it is told apart from the peer's close as the wait tells it.
+      if (count == 0) return IsOpen() ? 0 : -3;
+      // Nothing of a message yet: an idle peer may stay silent for ever.
+      if (timeoutMs == 0 && LastErrorIsWouldBlock()) continue;
+      return ReceiveFailure(u"TcpTransceiver::RecvMessageStart, recv error:%d,%s\n");
+    }
+  }
+  return RecvnPinned(pin.Socket(), buffer, length);
+}
+
+bool TcpTransceiver::ApplyReceiveTimeout(const platform::SocketView& socket, uint32_t timeoutMs) {
+  if (m_socketTimeoutMs.load() == timeoutMs) return true;
+  if (!socket.SetReceiveTimeout(timeoutMs)) return false;
+  m_socketTimeoutMs.store(timeoutMs);
+  return true;
 }
 
 int32_t TcpTransceiver::Send(const void* buffer, int32_t length) {
@@ -131,11 +205,15 @@ int32_t TcpTransceiver::Send(const void* buffer, int32_t length) {
     TavixSetLastError(Err::IllegalBufferSize);
     return -2;
   }
+  return SendPinned(pin.Socket(), buffer, length);
+}
+
+int32_t TcpTransceiver::SendPinned(const platform::SocketView& socket, const void* buffer, int32_t length) {
   const auto* next = static_cast<const char*>(buffer);
   int32_t left = length;
   int32_t chunk = length;
   while (left > 0) {
-    const int32_t count = pin.Socket().Send(next, std::min(chunk, left));
+    const int32_t count = socket.Send(next, std::min(chunk, left));
     if (count > 0) {
       next += count;
       left -= count;
@@ -159,6 +237,50 @@ int32_t TcpTransceiver::Send(const void* buffer, int32_t length) {
   return length;
 }
 
+int32_t TcpTransceiver::SendPair(const void* first, int32_t firstLength, const void* second,
+                                 int32_t secondLength) {
+  const Pin pin(*this);
+  if (!pin) return -3;
+  if (firstLength < 0 || secondLength < 0 || firstLength + int64_t{secondLength} < 1 ||
+      firstLength + int64_t{secondLength} > INT32_MAX) {
+    TavixSetLastError(Err::IllegalBufferSize);
+    return -2;
+  }
+  platform::ConstBytes pieces[2] = {{first, firstLength}, {second, secondLength}};
+  int32_t index = firstLength > 0 ? 0 : 1;
+  while (index < 2) {
+    const int32_t count = pin.Socket().SendGather(pieces + index, 2 - index);
+    if (count > 0) {
+      // Skips what went out; a piece sent in part keeps its tail.
+      int32_t sent = count;
+      while (index < 2 && sent >= pieces[index].length) sent -= pieces[index++].length;
+      if (index < 2) {
+        pieces[index].data = static_cast<const char*>(pieces[index].data) + sent;
+        pieces[index].length -= sent;
+      }
+      continue;
+    }
+    if (count == 0) return 0;
+    if (LastErrorIsWouldBlock()) {
+      const int32_t ready = WaitForSend(0);
+      if (ready < 0) return ready;
+      continue;
+    }
+    // Short of buffer space: the plain send's smaller pieces may still pass.
+    if (platform::LastError() == ENOBUFS) {
+      for (; index < 2; ++index) {
+        if (pieces[index].length < 1) continue;
+        const int32_t r = SendPinned(pin.Socket(), pieces[index].data, pieces[index].length);
+        if (r <= 0) return r;
+      }
+      break;
+    }
+    TraceError(u"TcpTransceiver::SendPair, send error:%d,%s\n");
+    return -1;
+  }
+  return firstLength + secondLength;
+}
+
 bool TcpTransceiver::GetPeer(std::u16string& address, uint16_t& port) const {
   ScopedLock guard(m_lock);
   address = m_peerAddress;
@@ -168,7 +290,9 @@ bool TcpTransceiver::GetPeer(std::u16string& address, uint16_t& port) const {
 
 bool TcpTransceiver::SetStallTimeout(uint32_t timeoutMs) {
   const Pin pin(*this);
-  return pin && pin.Socket().SetReceiveTimeout(timeoutMs);
+  if (!pin) return false;
+  m_stallTimeoutMs.store(timeoutMs);
+  return ApplyReceiveTimeout(pin.Socket(), timeoutMs);
 }
 
 void TcpTransceiver::SetPeer(const std::u16string& address, uint16_t port) {

@@ -3,7 +3,9 @@
 #ifndef TAVIX_TRANSPORT_TCP_TRANSCEIVER_H_
 #define TAVIX_TRANSPORT_TCP_TRANSCEIVER_H_
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "tavix/transport/socket_transceiver.h"
@@ -16,6 +18,11 @@ class TcpTransceiver : public SocketTransceiver {
   static constexpr int32_t kBufferSize = 65536;
   // Send halves its chunk on ENOBUFS only while the chunk is above this.
   static constexpr int32_t kMinChunk = 8192;
+  // A read of less than this asks the socket for this much, so that a
+  // message's header and the body behind it arrive in one receive; the
+  // bytes beyond the read wait for the next one. Larger reads go straight
+  // into the caller's memory.
+  static constexpr int32_t kReadAhead = 8192;
 
   TcpTransceiver();
   ~TcpTransceiver() override;
@@ -41,9 +48,20 @@ class TcpTransceiver : public SocketTransceiver {
   // thread still inside a call keeps the descriptor until it leaves. The
   // caller's last error survives. Closing a closed transceiver does nothing.
   void Close() override;
+  // Data already received ahead counts as readable at once.
+  int32_t WaitForRecv(uint32_t timeoutMs) override;
   int32_t Recv(void* buffer, int32_t length) override;
   int32_t Recvn(void* buffer, int32_t length) override;
   int32_t Send(const void* buffer, int32_t length) override;
+  // One gathering send for both pieces.
+  int32_t SendPair(const void* first, int32_t firstLength, const void* second, int32_t secondLength) override;
+  // No separate wait: the receive itself waits, bounded by the socket's
+  // receive time-out. With a limit, that time-out is set to it (only when
+  // it differs from the last one set) and also bounds the rest of the
+  // message; without one, a receive that times out before the first byte
+  // simply starts again, so an idle peer is waited for without end while
+  // the stall time-out still guards the bytes inside a message.
+  int32_t RecvMessageStart(void* buffer, int32_t length, uint32_t timeoutMs) override;
   bool GetPeer(std::u16string& address, uint16_t& port) const override;
   int32_t Type() const override { return 1; }
   int32_t MaxMessageSize() const override { return 0; }
@@ -59,9 +77,27 @@ class TcpTransceiver : public SocketTransceiver {
 
  private:
   void ApplyTcpOptionsLocked();
+  int32_t RecvnPinned(const platform::SocketView& socket, void* buffer, int32_t length);
+  int32_t SendPinned(const platform::SocketView& socket, const void* buffer, int32_t length);
+  // Copies up to `length` bytes received ahead into `buffer`; the count.
+  int32_t TakeAhead(void* buffer, int32_t length);
+  // One receive into the read-ahead block; its result as the socket's.
+  int32_t FillAhead(const platform::SocketView& socket);
+  // Sets the socket's receive time-out unless it is set so already.
+  bool ApplyReceiveTimeout(const platform::SocketView& socket, uint32_t timeoutMs);
+  // The result of a receive that failed: -2 with Err::ReceiveTimeout when
+  // its time-out passed, otherwise -1 with the trace line.
+  static int32_t ReceiveFailure(const char16_t* trace);
 
   std::u16string m_peerAddress;
   uint16_t m_peerPort = 0;
+  // Only the one reading thread touches the read-ahead block.
+  std::unique_ptr<uint8_t[]> m_ahead;
+  int32_t m_aheadBegin = 0;
+  int32_t m_aheadEnd = 0;
+  // The stall time-out asked for, and the receive time-out the socket has.
+  std::atomic<uint32_t> m_stallTimeoutMs{0};
+  std::atomic<uint32_t> m_socketTimeoutMs{0};
 };
 
 }  // namespace TAVIX

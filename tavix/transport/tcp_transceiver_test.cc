@@ -6,7 +6,13 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <thread>
+#include <vector>
 
 #include "tavix/invoke/wire_test_util.h"
 
@@ -20,6 +26,12 @@ int IntOption(int32_t handle, int level, int name) {
   socklen_t size = sizeof value;
   EXPECT_EQ(0, ::getsockopt(handle, level, name, &value, &size));
   return value;
+}
+
+std::vector<uint8_t> Pattern(size_t size, uint8_t seed) {
+  std::vector<uint8_t> bytes(size);
+  for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(i * 31 + seed);
+  return bytes;
 }
 
 TEST(TcpTransceiverTest, ClosedTransceiverAndIllegalLengthsFail) {
@@ -164,6 +176,83 @@ TEST(TcpTransceiverTest, AcceptAndConnectReuseTheHeldTransceiver) {
   EXPECT_FALSE(a);
   EXPECT_EQ((Outcome{-1, ECONNREFUSED}), OutcomeOf([&] { return TcpTransceiver::Connect(Loopback(port), b); }));
   EXPECT_EQ(bObject, b.get());
+}
+
+// Messages keep their bounds however they are cut: two messages in one
+// send are read one after the other, and a message split across sends is
+// read whole, each byte exactly once.
+TEST(TcpTransceiverTest, MessageStartsKeepTheirBoundsAcrossReceives) {
+  TcpPair pair = ConnectedPair();
+  const std::vector<uint8_t> stream = Pattern(20 + 28 + 20 + 5000, 7);
+  ASSERT_EQ(68, pair.client->Send(stream.data(), 68));
+  std::vector<uint8_t> got(stream.size());
+  ASSERT_EQ(20, pair.server->RecvMessageStart(got.data(), 20, 2000));
+  // The body and the next header were received with the first header.
+  EXPECT_EQ(1, pair.server->WaitForRecv(1));
+  ASSERT_EQ(28, pair.server->Recvn(got.data() + 20, 28));
+  ASSERT_EQ(20, pair.server->RecvMessageStart(got.data() + 48, 20, 2000));
+
+  std::thread sender([&] {
+    for (int32_t at = 68; at < static_cast<int32_t>(stream.size()); at += 1700) {
+      const int32_t piece = std::min<int32_t>(1700, static_cast<int32_t>(stream.size()) - at);
+      EXPECT_EQ(piece, pair.client->Send(stream.data() + at, piece));
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  });
+  EXPECT_EQ(5000, pair.server->Recvn(got.data() + 68, 5000));
+  sender.join();
+  EXPECT_EQ(stream, got);
+}
+
+// Without a limit an idle peer is waited for past the stall time-out,
+// which still ends a message that stops in the middle; with a limit the
+// wait for the first byte ends with a time-out; a close from another thread
+// ends the wait with -3.
+TEST(TcpTransceiverTest, MessageStartWaitsAsAskedWhileStallsStillEnd) {
+  TcpPair pair = ConnectedPair();
+  ASSERT_TRUE(pair.server->SetStallTimeout(100));
+  std::thread late([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(350));
+    EXPECT_EQ(3, pair.client->Send("abc", 3));
+  });
+  char buffer[8] = {};
+  uint64_t start = platform::TickCountMs();
+  EXPECT_EQ(-2, pair.server->RecvMessageStart(buffer, 4, 0));
+  EXPECT_EQ(Err::ReceiveTimeout, TavixGetLastError()) << "a message that stopped after 3 bytes";
+  EXPECT_GE(MsSince(start), 400u);
+  late.join();
+  EXPECT_EQ(0, std::memcmp("abc", buffer, 3));
+
+  start = platform::TickCountMs();
+  EXPECT_EQ(-2, pair.server->RecvMessageStart(buffer, 4, 150));
+  EXPECT_EQ(Err::ReceiveTimeout, TavixGetLastError());
+  EXPECT_GE(MsSince(start), 140u);
+
+  std::atomic<int32_t> waited{1};
+  std::thread waiter([&] { waited = pair.server->RecvMessageStart(buffer, 4, 0); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(250));
+  pair.server->Close();
+  waiter.join();
+  EXPECT_EQ(-3, waited.load());
+}
+
+// A gathered send puts both pieces on the wire in order, a large second
+// piece included, byte for byte.
+TEST(TcpTransceiverTest, SendPairArrivesByteExact) {
+  TcpPair pair = ConnectedPair();
+  const std::vector<uint8_t> head = Pattern(60, 1);
+  const std::vector<uint8_t> body = Pattern(3 << 20, 2);
+  std::vector<uint8_t> got(head.size() + body.size());
+  const auto total = static_cast<int32_t>(got.size());
+  std::thread reader([&] { EXPECT_EQ(total, pair.server->Recvn(got.data(), total)); });
+  EXPECT_EQ(total, pair.client->SendPair(head.data(), 60, body.data(), static_cast<int32_t>(body.size())));
+  reader.join();
+  EXPECT_TRUE(std::equal(head.begin(), head.end(), got.begin()));
+  EXPECT_TRUE(std::equal(body.begin(), body.end(), got.begin() + 60));
+  ASSERT_EQ(4, pair.client->SendPair(nullptr, 0, "only", 4));
+  EXPECT_EQ(4, pair.server->Recvn(got.data(), 4));
+  EXPECT_EQ(0, std::memcmp("only", got.data(), 4));
+  EXPECT_EQ(-2, pair.client->SendPair(nullptr, 0, nullptr, 0));
 }
 
 }  // namespace

@@ -15,6 +15,20 @@ constexpr uint32_t kKeepAliveIntervalMs = 1000;
 
 }  // namespace
 
+int32_t ITransceiver::SendPair(const void* first, int32_t firstLength, const void* second, int32_t secondLength) {
+  if (firstLength < 1) return Send(second, secondLength);
+  const int32_t sent = Send(first, firstLength);
+  if (sent < firstLength || secondLength < 1) return sent;
+  const int32_t rest = Send(second, secondLength);
+  return rest < 0 ? rest : firstLength + rest;
+}
+
+int32_t ITransceiver::RecvMessageStart(void* buffer, int32_t length, uint32_t timeoutMs) {
+  const int32_t waited = WaitForRecv(timeoutMs);
+  if (waited < 0) return waited;
+  return Recvn(buffer, length);
+}
+
 bool SockWrapper::CreateSocket(platform::SocketType type) { return m_socket.Create(type); }
 
 bool SockWrapper::CloseSocket() {

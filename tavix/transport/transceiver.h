@@ -38,6 +38,15 @@ class ITransceiver : public virtual Shared {
   virtual int32_t Recvn(void* buffer, int32_t length) = 0;
   // The whole buffer.
   virtual int32_t Send(const void* buffer, int32_t length) = 0;
+  // Both pieces in order, as Send of their joined bytes would send them:
+  // `first` + `second` on success. A stream sends them together, so a
+  // message's head never travels alone ahead of its body.
+  virtual int32_t SendPair(const void* first, int32_t firstLength, const void* second, int32_t secondLength);
+  // Exactly `length` bytes that begin a message: waits at most `timeoutMs`
+  // for the first of them (0: no limit; a time-out gives -2 with
+  // Err::ReceiveTimeout), then reads as Recvn. The default waits with
+  // WaitForRecv and reads with Recvn.
+  virtual int32_t RecvMessageStart(void* buffer, int32_t length, uint32_t timeoutMs);
   // The other end's dotted address and port; false (arguments untouched)
   // when the transceiver has no single peer.
   virtual bool GetPeer(std::u16string& address, uint16_t& port) const = 0;

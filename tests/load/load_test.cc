@@ -27,14 +27,17 @@ namespace {
 using namespace test_wire;
 
 // `tavix serve` on a free port as a child process, started through the
-// shell so that a descriptor limit can be set first.
+// shell so that a descriptor limit can be set first. It runs a copy of the
+// tool in a folder of its own, so that its log (beside the executable) is
+// its own too.
 class Server {
  public:
   explicit Server(const std::string& options, int32_t fileLimit = 0) : port(FreePort()) {
+    std::filesystem::copy_file(TAVIX_TOOL_PATH, m_dir / "tavix");
     int out[2];
     EXPECT_EQ(0, pipe(out));
     const std::string command = (fileLimit > 0 ? "ulimit -n " + std::to_string(fileLimit) + "; " : "") + "exec " +
-                                TAVIX_TOOL_PATH + " serve --endpoint 'tcp -h #any -p " + std::to_string(port) + "' " +
+                                (m_dir / "tavix").string() + " serve --endpoint 'tcp -h #any -p " + std::to_string(port) + "' " +
                                 options;
     m_pid = fork();
     if (m_pid == 0) {
@@ -54,6 +57,16 @@ class Server {
       waitpid(m_pid, nullptr, 0);
     }
     if (m_output != nullptr) fclose(m_output);
+    std::filesystem::remove_all(m_dir);
+  }
+
+  // The server's trace log (UTF-16) as text.
+  std::u16string Log() const {
+    std::ifstream in(m_dir / "tavix_tavix.log", std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::u16string text(bytes.size() / 2, u'\0');
+    std::memcpy(text.data(), bytes.data(), text.size() * 2);
+    return text;
   }
 
   // Milliseconds from the signal to the exit, or -1 when it took longer
@@ -98,6 +111,7 @@ class Server {
   const uint16_t port;
 
  private:
+  const std::filesystem::path m_dir = std::filesystem::path(mkdtemp(std::string("/tmp/tavix-load-XXXXXX").data()));
   pid_t m_pid = 0;
   FILE* m_output = nullptr;
 };
@@ -113,15 +127,6 @@ std::vector<std::unique_ptr<RawClient>> Connect(uint16_t port, int count, bool v
     clients.push_back(std::move(client));
   }
   return clients;
-}
-
-// The tool's trace log (UTF-16) as text.
-std::u16string ToolLog() {
-  std::ifstream in(std::string(TAVIX_TOOL_PATH) + "_tavix.log", std::ios::binary);
-  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  std::u16string text(bytes.size() / 2, u'\0');
-  std::memcpy(text.data(), bytes.data(), text.size() * 2);
-  return text;
 }
 
 // The first bytes of a request: a header that promises a body, and part of it.
@@ -182,7 +187,7 @@ TEST(Load, SleepingServantIsAbandonedAfterTheGracePeriod) {
   EXPECT_GE(ms, 1900) << "the request had its grace period";
   EXPECT_GE(ms, 0) << "ended within the grace period and 3 s";
   std::printf("sleeping servant: shutdown took %" PRId64 " ms with a 2 s grace period\n", static_cast<int64_t>(ms));
-  const std::u16string text = ToolLog();
+  const std::u16string text = server.Log();
   EXPECT_NE(std::u16string::npos, text.find(u"Request abandoned at shutdown: object Echo, operation Sleep"));
 }
 
@@ -234,7 +239,7 @@ TEST(Load, ConnectionLimitClosesTheNextClientAtOnce) {
     EXPECT_EQ(2, ParseReply(client->ReceiveMessage()).requestId);
   }
   server.StopWithin(3000);
-  const std::u16string text = ToolLog();
+  const std::u16string text = server.Log();
   EXPECT_NE(std::u16string::npos, text.find(u"Connection limit of 100 reached"));
   std::printf("connection limit: 100 served, the 101st closed at once\n");
 }
