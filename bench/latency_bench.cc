@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/bench_main.h"
 #include "tavix/adapter/object_adapter.h"
 #include "tavix/platform/socket.h"
 #include "tavix/runtime/communicator.h"
@@ -305,18 +306,6 @@ class RatioReporter : public benchmark::ConsoleReporter {
 }  // namespace TAVIX
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  TAVIX::Bench bench;
-  if (!TAVIX::StartServer(bench)) {
-    std::fprintf(stderr, "latency_bench: cannot start the Echo server\n");
-    return 1;
-  }
-  TAVIX::g_bench = &bench;
-  TAVIX::RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-  TAVIX::g_bench = nullptr;
-  bench.client->Destroy();
-  bench.server->Destroy();
-  return 0;
+  return TAVIX::RunBenchmarks<TAVIX::Bench, TAVIX::RatioReporter>(argc, argv, "latency_bench", TAVIX::StartServer,
+                                                                  TAVIX::g_bench);
 }

@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/bench_main.h"
 #include "tavix/adapter/object_adapter.h"
 #include "tavix/core/inet_addr.h"
 #include "tavix/platform/socket.h"
@@ -257,18 +258,6 @@ class RatioReporter : public benchmark::ConsoleReporter {
 }  // namespace TAVIX
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  TAVIX::Bench bench;
-  if (!TAVIX::StartServer(bench)) {
-    std::fprintf(stderr, "udp_bench: cannot start the Echo server\n");
-    return 1;
-  }
-  TAVIX::g_bench = &bench;
-  TAVIX::RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-  TAVIX::g_bench = nullptr;
-  bench.client->Destroy();
-  bench.server->Destroy();
-  return 0;
+  return TAVIX::RunBenchmarks<TAVIX::Bench, TAVIX::RatioReporter>(argc, argv, "udp_bench", TAVIX::StartServer,
+                                                                  TAVIX::g_bench);
 }
