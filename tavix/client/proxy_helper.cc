@@ -167,7 +167,7 @@ uint32_t ProxyHelper::ReceiveDatagramReply() {
 }
 
 void ProxyHelper::DrainReply() {
-  std::array<uint8_t, 4096> scratch{};
+  std::array<uint8_t, 4096> scratch;  // only written into
   for (int32_t left = m_replyBodySize - m_input.Size(); left > 0;) {
     const int32_t piece = std::min<int32_t>(left, static_cast<int32_t>(scratch.size()));
     m_input.readBlob(scratch.data(), piece);

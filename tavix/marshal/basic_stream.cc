@@ -69,7 +69,7 @@ int32_t ITavixStreamBuf::sputPair(const void* first, int32_t firstCount, const v
 
 // ---- Buffer ----
 
-int32_t Buffer::WriteToStream(const void* data, int32_t count) {
+int32_t Buffer::WriteThroughLink(const void* data, int32_t count) {
   if (!m_streamBuf) return 0;
   const int32_t r = m_streamBuf->sputn(data, count);
   if (r == 0) TavixThrow(Err::OutOfBounds);
@@ -78,7 +78,7 @@ int32_t Buffer::WriteToStream(const void* data, int32_t count) {
 
 // All `count` bytes or the exception: a message that ends inside a value
 // is as wrong as one that ends before it.
-int32_t Buffer::ReadFromStream(void* data, int32_t count) {
+int32_t Buffer::ReadThroughLink(void* data, int32_t count) {
   if (!m_streamBuf) return 0;
   const int32_t r = m_streamBuf->sgetn(data, count);
   if (r < count) TavixThrow(Err::OutOfBounds);

@@ -6,6 +6,7 @@
 #define TAVIX_MARSHAL_BASIC_STREAM_H_
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -42,6 +43,19 @@ class ITavixStreamBuf : public virtual Shared {
   virtual void clear() = 0;
   // False when this kind cannot be linked.
   virtual bool setNext(const SmartPtr<ITavixStreamBuf>& next) = 0;
+
+ protected:
+  // Room that a Buffer may fill, or held bytes that it may take, by itself
+  // without calling the link: a small value then costs one copy, not a
+  // virtual call. A link that offers no such window leaves it empty; one
+  // that does counts what was moved through it at its next call.
+  uint8_t* m_putNext = nullptr;
+  uint8_t* m_putEnd = nullptr;
+  const uint8_t* m_getNext = nullptr;
+  const uint8_t* m_getEnd = nullptr;
+
+ private:
+  friend class Buffer;
 };
 
 // The stream-buffer holder that BasicStream builds on.
@@ -60,8 +74,24 @@ class Buffer {
   // Without a stream buffer both do nothing and return 0. A transfer that
   // moves nothing raises Err::OutOfBounds; any other result, a negative
   // one included, is returned.
-  int32_t WriteToStream(const void* data, int32_t count);
-  int32_t ReadFromStream(void* data, int32_t count);
+  int32_t WriteToStream(const void* data, int32_t count) {
+    ITavixStreamBuf* const link = m_streamBuf.get();
+    if (link != nullptr && count > 0 && count <= link->m_putEnd - link->m_putNext) {
+      std::memcpy(link->m_putNext, data, static_cast<size_t>(count));
+      link->m_putNext += count;
+      return count;
+    }
+    return WriteThroughLink(data, count);
+  }
+  int32_t ReadFromStream(void* data, int32_t count) {
+    ITavixStreamBuf* const link = m_streamBuf.get();
+    if (link != nullptr && count > 0 && count <= link->m_getEnd - link->m_getNext) {
+      std::memcpy(data, link->m_getNext, static_cast<size_t>(count));
+      link->m_getNext += count;
+      return count;
+    }
+    return ReadThroughLink(data, count);
+  }
 
   int32_t Size();
   void Clear();
@@ -69,6 +99,9 @@ class Buffer {
   void swap(Buffer& other) noexcept { std::swap(m_streamBuf, other.m_streamBuf); }
 
  private:
+  int32_t WriteThroughLink(const void* data, int32_t count);
+  int32_t ReadThroughLink(void* data, int32_t count);
+
   SmartPtr<ITavixStreamBuf> m_streamBuf;
 };
 

@@ -11,18 +11,25 @@ constexpr std::array<uint8_t, 4> kMagic = {'X', 'G', 'R', 'Q'};
 constexpr std::array<uint8_t, 4> kVersion = {1, 2, 1, 1};
 constexpr size_t kCrcOffset = 18;
 
-// Eight reflected shift steps with 0xA001 applied to each byte value: one
-// look-up per byte, as every message header is summed on both ends.
-constexpr std::array<uint16_t, 256> kByteTable = [] {
-  std::array<uint16_t, 256> table{};
+// Eight reflected shift steps with 0xA001 applied to each byte value, and
+// the same for a byte followed by one, two and three more: every header is
+// summed on both ends, four bytes per step.
+constexpr std::array<std::array<uint16_t, 256>, 4> kSliceTables = [] {
+  std::array<std::array<uint16_t, 256>, 4> tables{};
   for (uint32_t value = 0; value < 256; ++value) {
     uint32_t crc = value;
     for (int bit = 0; bit < 8; ++bit) crc = (crc & 1) != 0 ? (crc >> 1) ^ 0xA001 : crc >> 1;
-    table[value] = static_cast<uint16_t>(crc);
+    tables[0][value] = static_cast<uint16_t>(crc);
   }
-  return table;
+  for (size_t k = 1; k < tables.size(); ++k) {
+    for (size_t value = 0; value < 256; ++value) {
+      const uint16_t before = tables[k - 1][value];
+      tables[k][value] = static_cast<uint16_t>((before >> 8) ^ tables[0][before & 0xFF]);
+    }
+  }
+  return tables;
 }();
-static_assert(kByteTable[1] == 0xC0C1 && kByteTable[255] == 0x4040);
+static_assert(kSliceTables[0][1] == 0xC0C1 && kSliceTables[0][255] == 0x4040);
 
 void PutLe32(uint8_t* out, uint32_t v) {
   for (int i = 0; i < 4; ++i) out[i] = static_cast<uint8_t>(v >> (8 * i));
@@ -36,11 +43,15 @@ uint32_t GetLe32(const uint8_t* in) {
 }  // namespace
 
 uint16_t Crc16(const uint8_t* data, uint16_t length) {
-  uint16_t crc = 0xFFFF;
-  for (uint16_t i = 0; i < length; ++i) {
-    crc = static_cast<uint16_t>((crc >> 8) ^ kByteTable[(crc ^ data[i]) & 0xFF]);
+  const auto& [t0, t1, t2, t3] = kSliceTables;
+  uint32_t crc = 0xFFFF;
+  uint16_t i = 0;
+  for (; i + 4 <= length; i += 4) {
+    const uint32_t x = crc ^ GetLe32(data + i);
+    crc = t3[x & 0xFF] ^ t2[(x >> 8) & 0xFF] ^ t1[(x >> 16) & 0xFF] ^ t0[x >> 24];
   }
-  return crc;
+  for (; i < length; ++i) crc = (crc >> 8) ^ t0[(crc ^ data[i]) & 0xFF];
+  return static_cast<uint16_t>(crc);
 }
 
 void MsgHeaderData::Init(uint8_t messageType) {

@@ -11,11 +11,56 @@ namespace TAVIX {
 
 // ---- StreamMemBuf ----
 
+void StreamMemBuf::absorbWindow() {
+  const auto put = static_cast<int32_t>(m_putNext - m_putStart);
+  m_fill += put;
+  const auto got = static_cast<int32_t>(m_getNext - m_getStart);
+  m_readIndex += got;
+  m_position += put + got;
+  m_putStart = m_putNext;
+  m_getStart = m_getNext;
+}
+
+// Writing, the window is the block's free room; reading, the bytes it
+// holds. Neither reaches past the message's limit.
+void StreamMemBuf::openWindow() {
+  m_putStart = m_putNext = m_putEnd = nullptr;
+  m_getStart = m_getNext = m_getEnd = nullptr;
+  if (!m_block) return;
+  const int32_t beforeLimit = m_limit - m_position;
+  if (m_mode == kWriting) {
+    const int32_t room = std::min(m_capacity - m_fill, beforeLimit);
+    if (room <= 0) return;
+    m_putStart = m_putNext = m_block.get() + m_fill;
+    m_putEnd = m_putNext + room;
+  } else if (m_mode == kReading) {
+    const int32_t held = std::min(m_fill - m_readIndex, beforeLimit);
+    if (held <= 0) return;
+    m_getStart = m_getNext = m_block.get() + m_readIndex;
+    m_getEnd = m_getNext + held;
+  }
+}
+
+int32_t StreamMemBuf::size() {
+  absorbWindow();
+  return m_position;
+}
+
+void StreamMemBuf::setLimit(int32_t bytes) {
+  const WindowGuard window(*this);
+  m_limit = bytes;
+}
+
 int32_t StreamMemBuf::reserve(int32_t bytes) {
+  const WindowGuard window(*this);
   if (bytes == 0) {
     clear();
     return 0;
   }
+  return growRoom(bytes);
+}
+
+int32_t StreamMemBuf::growRoom(int32_t bytes) {
   if (bytes <= m_capacity) return 0;
   if (bytes > m_allocated) {
     void* grown = std::realloc(m_block.get(), static_cast<size_t>(bytes));
@@ -29,6 +74,7 @@ int32_t StreamMemBuf::reserve(int32_t bytes) {
 }
 
 int32_t StreamMemBuf::sputn(const void* data, int32_t count) {
+  const WindowGuard window(*this);
   if (m_mode == kUnused) m_mode = kWriting;
   if (m_mode == kReading) {
     tavixTrace("StreamMemBuf::sputn : Error IO Mode\n");
@@ -111,6 +157,7 @@ void StreamMemBuf::dropFront(int32_t taken) {
 }
 
 int32_t StreamMemBuf::flush() {
+  const WindowGuard window(*this);
   if (m_mode != kWriting) {
     tavixTrace("StreamMemBuf::flush : Error IO Mode\n");
     return 0;
@@ -127,6 +174,7 @@ int32_t StreamMemBuf::flush() {
 }
 
 int32_t StreamMemBuf::sgetn(void* data, int32_t count) {
+  const WindowGuard window(*this);
   if (m_mode == kUnused) m_mode = kReading;
   if (m_mode == kWriting) {
     tavixTrace("StreamMemBuf::sgetn : Error IO Mode\n");
@@ -175,7 +223,12 @@ int32_t StreamMemBuf::underflow() {
 }
 
 void StreamMemBuf::clear() {
+  const WindowGuard window(*this);
   if (m_next) m_next->clear();
+  resetCounts();
+}
+
+void StreamMemBuf::resetCounts() {
   m_mode = kUnused;
   if (m_allocated > kBlockSize) {
     m_block.reset();
@@ -186,6 +239,14 @@ void StreamMemBuf::clear() {
   m_readIndex = 0;
   m_fill = 0;
   m_limit = kNoLimit;
+}
+
+void StreamMemBuf::startMessage(int32_t bytes, const SmartPtr<ITavixStreamBuf>& next) {
+  const WindowGuard window(*this);
+  resetCounts();
+  growRoom(std::min(bytes, kBlockSize));
+  m_limit = bytes;
+  m_next = next;
 }
 
 bool StreamMemBuf::setNext(const SmartPtr<ITavixStreamBuf>& next) {
@@ -228,13 +289,8 @@ void AttachMessageBuffer(Buffer& stream, SmartPtr<StreamMemBuf>& buffer, int32_t
     buffer = AttachMessageBuffer(stream, bytes, next);
     return;
   }
-  // The link below belonged to the last message: it is let go, not cleared.
-  buffer->setNext(nullptr);
-  buffer->clear();
+  buffer->startMessage(bytes, next);
   stream.Attach(buffer);
-  buffer->reserve(std::min(bytes, StreamMemBuf::kBlockSize));
-  buffer->setLimit(bytes);
-  buffer->setNext(next);
 }
 
 }  // namespace TAVIX

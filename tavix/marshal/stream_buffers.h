@@ -30,16 +30,21 @@ class StreamMemBuf : public ITavixStreamBuf {
   int32_t reserve(int32_t bytes) override;
   int32_t sputn(const void* data, int32_t count) override;
   int32_t sgetn(void* data, int32_t count) override;
-  int32_t size() override { return m_position; }
-  void setLimit(int32_t bytes) override { m_limit = bytes; }
+  int32_t size() override;
+  void setLimit(int32_t bytes) override;
   int32_t flush() override;
   void clear() override;
   bool setNext(const SmartPtr<ITavixStreamBuf>& next) override;
 
+  // Ready for a message of `bytes` on `next`, keeping the block: the state
+  // of a fresh buffer after reserve, setLimit and setNext. The link below
+  // belonged to the last message: it is let go, not cleared.
+  void startMessage(int32_t bytes, const SmartPtr<ITavixStreamBuf>& next);
+
   int32_t capacity() const { return m_capacity; }
   // Bytes held in the block: not yet passed on, or received and not all
   // delivered.
-  int32_t fill() const { return m_fill; }
+  int32_t fill() const { return m_fill + static_cast<int32_t>(m_putNext - m_putStart); }
   const uint8_t* block() const { return m_block.get(); }
 
  private:
@@ -48,6 +53,24 @@ class StreamMemBuf : public ITavixStreamBuf {
     void operator()(void* p) const noexcept { std::free(p); }
   };
 
+  // Counts what a Buffer moved through the fast window on construction and
+  // opens the window afresh on destruction; every public call holds one.
+  class WindowGuard {
+   public:
+    explicit WindowGuard(StreamMemBuf& buffer) : m_buffer(buffer) { m_buffer.absorbWindow(); }
+    ~WindowGuard() { m_buffer.openWindow(); }
+    WindowGuard(const WindowGuard&) = delete;
+    WindowGuard& operator=(const WindowGuard&) = delete;
+
+   private:
+    StreamMemBuf& m_buffer;
+  };
+  void absorbWindow();
+  void openWindow();
+
+  // reserve and clear without the window's bookkeeping or the next link.
+  int32_t growRoom(int32_t bytes);
+  void resetCounts();
   int32_t overflow();
   int32_t passThrough(const uint8_t* data, int32_t count);
   int32_t underflow();
@@ -66,6 +89,10 @@ class StreamMemBuf : public ITavixStreamBuf {
   int32_t m_limit = kNoLimit;
   int32_t m_readIndex = 0;
   int32_t m_fill = 0;
+  // Where the open window began: what lies between it and the window's
+  // next byte was moved without a call and is not yet counted.
+  uint8_t* m_putStart = nullptr;
+  const uint8_t* m_getStart = nullptr;
   SmartPtr<ITavixStreamBuf> m_next;
 };
 
