@@ -40,8 +40,7 @@ SpinLock::SpinLock() {
 
 int32_t SpinLock::numberOfCPU() { return platform::NumberOfProcessors(); }
 
-void SpinLock::lock() {
-  if (tryLock()) return;
+void SpinLock::lockContended() {
   if (m_numberOfCPU.load(std::memory_order_relaxed) == 1) {
     // Spinning on one processor only delays the holder.
     while (!tryLock()) platform::YieldProcessor();

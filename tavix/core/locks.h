@@ -47,15 +47,15 @@ class SpinLock {
   SpinLock(const SpinLock&) = delete;
   SpinLock& operator=(const SpinLock&) = delete;
 
-  void lock();
+  // The free lock is taken here, inline; only a held one costs a call.
+  void lock() {
+    if (!tryLock()) lockContended();
+  }
   bool tryLock() {
     int32_t expected = 0;
     return m_word.compare_exchange_strong(expected, 1, std::memory_order_acquire);
   }
-  void unlock() {
-    int32_t expected = 1;
-    m_word.compare_exchange_strong(expected, 0, std::memory_order_release);
-  }
+  void unlock() { m_word.store(0, std::memory_order_release); }
   bool willUnlock() const { return true; }
 
   // Processor count, read from the platform once per process.
@@ -65,6 +65,7 @@ class SpinLock {
   void lock(LockState&) { lock(); }
   void unlock(LockState&) { unlock(); }
   static int32_t numberOfCPU();
+  void lockContended();
 
   std::atomic<int32_t> m_word{0};
 };

@@ -12,6 +12,7 @@
 #include "tavix/core/locks.h"
 #include "tavix/core/shared.h"
 #include "tavix/core/thread.h"
+#include "tavix/invoke/messages.h"
 #include "tavix/platform/clock.h"
 
 namespace TAVIX {
@@ -130,11 +131,10 @@ class Connection : public virtual Shared {
   SpinLock m_stateLock;
   std::u16string m_requestObject;
   std::u16string m_requestOperation;
-  // The context strings of the last request, handed to the next one so
-  // that it reuses their room (serving thread only).
-  std::u16string m_keptObject;
-  std::u16string m_keptOperation;
-  std::u16string m_keptPeer;
+  // The context of the request being served, kept from one request to the
+  // next so that its strings reuse their room (serving thread only; lent
+  // together with the buffers).
+  Context m_keptContext;
   uint64_t m_requestStart = 0;  // 0: no request
   SpinLock m_requestLock;
 };

@@ -17,7 +17,9 @@ int32_t RequestHead::lengthOf(const std::u16string& objectName, const std::u16st
   return BasicStream::lengthOf(int32_t{0}) + BasicStream::lengthOf(objectName) + BasicStream::lengthOf(operation);
 }
 
-void RequestHead::read(BasicStream& s) {
+void RequestHead::read(BasicStream& s) { read(s, requestId, objectName, operation); }
+
+void RequestHead::read(BasicStream& s, int32_t& requestId, std::u16string& objectName, std::u16string& operation) {
   s.read(requestId);
   s.read(objectName);
   s.read(operation);

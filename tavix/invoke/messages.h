@@ -41,6 +41,8 @@ struct RequestHead {
   static void write(BasicStream& s, int32_t requestId, const std::u16string& objectName,
                     const std::u16string& operation);
   static int32_t lengthOf(const std::u16string& objectName, const std::u16string& operation);
+  // Reads into the caller's strings, reusing their room.
+  static void read(BasicStream& s, int32_t& requestId, std::u16string& objectName, std::u16string& operation);
 };
 
 // Starts every reply body; always 16 bytes.

@@ -24,7 +24,7 @@ ObjectHelper::ObjectHelper(const SmartPtr<Connection>& connection, const SmartPt
   const SmartPtr<ITransceiver>& transceiver = m_connection->GetTransceiver();
   if (!m_link) m_link = m_connection->StreamLink();
   m_borrowed = m_connection->BorrowBuffers(m_inputBuffer, m_outputBuffer);
-  if (m_borrowed) SwapKeptStrings();
+  if (m_borrowed) m_context = &m_connection->m_keptContext;
   AttachMessageBuffer(m_input, m_inputBuffer, m_bodySize, m_link);
   m_socket = static_cast<uint32_t>(transceiver->GetHandle());
 }
@@ -33,33 +33,22 @@ ObjectHelper::~ObjectHelper() {
   if (m_borrowed) {
     m_input.Attach(nullptr);
     m_output.Attach(nullptr);
-    SwapKeptStrings();
     m_connection->ReturnBuffers();
   }
   m_connection->EndRequest();
   m_connection->SetInServant(false);
 }
 
-void ObjectHelper::SwapKeptStrings() {
-  m_context.objectName.swap(m_connection->m_keptObject);
-  m_context.operation.swap(m_connection->m_keptOperation);
-  m_context.peerAddress.swap(m_connection->m_keptPeer);
-}
-
 void ObjectHelper::Invoke() {
-  // The head is read into the context's strings, whose room may be kept
-  // from the connection's last request.
-  RequestHead head;
-  head.objectName.swap(m_context.objectName);
-  head.operation.swap(m_context.operation);
-  head.read(m_input);
-  m_context.connectionId = m_socket;
-  m_context.objectName.swap(head.objectName);
-  m_context.operation.swap(head.operation);
-  m_context.oneway = head.requestId == 0 ? 1 : 0;
-  m_connection->BeginRequest(m_context.objectName, m_context.operation);
-  m_connection->GetTransceiver()->GetPeer(m_context.peerAddress, m_context.peerPort);
-  m_reply.requestId = head.requestId;
+  Context& context = *m_context;
+  RequestHead::read(m_input, m_reply.requestId, context.objectName, context.operation);
+  context.connectionId = m_socket;
+  context.oneway = m_reply.requestId == 0 ? 1 : 0;
+  m_connection->BeginRequest(context.objectName, context.operation);
+  // A datagram transceiver leaves the peer as it finds it.
+  context.peerAddress.clear();
+  context.peerPort = 0;
+  m_connection->GetTransceiver()->GetPeer(context.peerAddress, context.peerPort);
 
   if (m_host->GetStatus() != ADAPTER_ACTIVE) {
     FinishServant(Err::AdapterInactive, 0);
@@ -69,7 +58,7 @@ void ObjectHelper::Invoke() {
   DrainBody();
   m_input.Clear();
 
-  if (m_context.oneway == 0) {
+  if (m_context->oneway == 0) {
     // A servant that never finished still owes its client an answer.
     if (!m_finished) FinishServant(Err::Unhandled, 0);
     m_output.Flush();
@@ -88,7 +77,7 @@ void ObjectHelper::Dispatch() {
     IObjectHost& host;
   } counted(*m_host);
 
-  SmartPtr<Object> servant = m_host->FindServant(m_context.objectName);
+  SmartPtr<Object> servant = m_host->FindServant(m_context->objectName);
   if (!servant) {
     FinishServant(TavixGetLastError(), 0);
     return;
@@ -109,12 +98,12 @@ void ObjectHelper::DrainBody() {
 }
 
 void ObjectHelper::PrepareServant() {
-  if (m_context.oneway == 0) m_startTime = platform::SystemTimeAsFileTime();
+  if (m_context->oneway == 0) m_startTime = platform::SystemTimeAsFileTime();
 }
 
 void ObjectHelper::FinishServant(uint32_t status, int32_t resultLength, const FILETIME& endTime) {
   m_reply.status = status;
-  if (m_context.oneway != 0) return;
+  if (m_context->oneway != 0) return;
   m_finished = true;
   // A reply made before any servant ran has no start to measure from.
   m_reply.serverTime = m_startTime == 0 ? 0.0 : ElapsedMs(&m_startTime, &endTime);

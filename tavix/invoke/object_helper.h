@@ -37,7 +37,7 @@ class ObjectHelper {
   // The request body after the RequestHead, and the reply.
   BasicStream* is() { return &m_input; }
   BasicStream* os() { return &m_output; }
-  const Context& GetContext() const { return m_context; }
+  const Context& GetContext() const { return *m_context; }
 
   // Skeletons call this once their in-parameters are read: the start of
   // the servant's time.
@@ -50,13 +50,14 @@ class ObjectHelper {
 
  private:
   void Dispatch();
-  // Trades the context's strings with those the connection keeps.
-  void SwapKeptStrings();
   // Reads and drops what the servant left of the body, so that the next
   // header read starts at a message boundary.
   void DrainBody();
 
-  Context m_context;
+  // The connection's kept context when it could lend its buffers,
+  // otherwise our own.
+  Context m_ownContext;
+  Context* m_context = &m_ownContext;
   int32_t m_replySize = 0;
   int32_t m_bodySize;
   ReplyHead m_reply;

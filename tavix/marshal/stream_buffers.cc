@@ -13,6 +13,7 @@ namespace TAVIX {
 
 void StreamMemBuf::absorbWindow() {
   const auto put = static_cast<int32_t>(m_putNext - m_putStart);
+  if (put > 0 && m_mode == kUnused) m_mode = kWriting;
   m_fill += put;
   const auto got = static_cast<int32_t>(m_getNext - m_getStart);
   m_readIndex += got;
@@ -22,13 +23,15 @@ void StreamMemBuf::absorbWindow() {
 }
 
 // Writing, the window is the block's free room; reading, the bytes it
-// holds. Neither reaches past the message's limit.
+// holds. Neither reaches past the message's limit. An unused buffer holds
+// nothing to read, so it offers its room: the first write through the
+// window makes it a writing buffer, as a first sputn would.
 void StreamMemBuf::openWindow() {
   m_putStart = m_putNext = m_putEnd = nullptr;
   m_getStart = m_getNext = m_getEnd = nullptr;
   if (!m_block) return;
   const int32_t beforeLimit = m_limit - m_position;
-  if (m_mode == kWriting) {
+  if (m_mode == kWriting || m_mode == kUnused) {
     const int32_t room = std::min(m_capacity - m_fill, beforeLimit);
     if (room <= 0) return;
     m_putStart = m_putNext = m_block.get() + m_fill;
