@@ -91,7 +91,7 @@ class Factory : public IConnectionFactory {
   }
   void WaitUntilDestroy(uint64_t) override {}
   const SmartPtr<IPassport>& GetPassport() const override { return m_passport; }
-  SmartPtr<IObjectHost> GetHost() const override { return m_host; }
+  const SmartPtr<IObjectHost>& GetHost() const override { return m_host; }
 
  private:
   SmartPtr<IPassport> m_passport;

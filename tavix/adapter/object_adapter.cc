@@ -29,6 +29,7 @@ bool ServantManager::Add(const SmartPtr<Object>& servant, const std::u16string& 
     TavixSetLastError(Err::ObjectExists);
     return false;
   }
+  m_version.fetch_add(1, std::memory_order_release);
   return true;
 }
 
@@ -42,6 +43,7 @@ bool ServantManager::Remove(const std::u16string& id) {
   }
   removed = std::move(it->second);
   m_servants.erase(it);
+  m_version.fetch_add(1, std::memory_order_release);
   return true;
 }
 

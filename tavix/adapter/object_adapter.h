@@ -38,10 +38,12 @@ class ServantManager : public virtual Shared {
   bool Remove(const std::u16string& id);
   // Null with 0x2000000C when the id is absent.
   SmartPtr<Object> Find(const std::u16string& id);
+  uint32_t Version() const { return m_version.load(std::memory_order_acquire); }
 
  private:
   std::map<std::u16string, SmartPtr<Object>> m_servants;
   RWRecLock m_lock;
+  std::atomic<uint32_t> m_version{0};
 };
 
 class ObjectAdapter : public IObjectHost {
@@ -57,6 +59,7 @@ class ObjectAdapter : public IObjectHost {
   bool RemoveServant(const std::u16string& id);
   bool RemoveServant(const std::string& id);
   SmartPtr<Object> FindServant(const std::u16string& id) override;
+  uint32_t ServantsVersion() override { return m_servants.Version(); }
 
   // Parses the endpoint string, refuses one that claims a resource of a
   // registered passport, makes its factory and starts it at once unless the

@@ -48,7 +48,7 @@ class TcpConnectionFactory : public IConnectionFactory {
   // call Destroy first. Activate may follow.
   void WaitUntilDestroy(uint64_t deadlineTick) override;
   const SmartPtr<IPassport>& GetPassport() const override { return m_passport; }
-  SmartPtr<IObjectHost> GetHost() const override { return m_adapter; }
+  const SmartPtr<IObjectHost>& GetHost() const override { return m_adapter; }
 
  private:
   friend class ThreadPerTcpConnectionFactory;

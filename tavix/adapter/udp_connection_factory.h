@@ -32,7 +32,7 @@ class UdpConnectionFactory : public IConnectionFactory {
   // Waits for the serving thread to end.
   void WaitUntilDestroy(uint64_t deadlineTick) override;
   const SmartPtr<IPassport>& GetPassport() const override { return m_passport; }
-  SmartPtr<IObjectHost> GetHost() const override { return m_adapter; }
+  const SmartPtr<IObjectHost>& GetHost() const override { return m_adapter; }
 
  private:
   SmartPtr<Connection> CurrentConnection();

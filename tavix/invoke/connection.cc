@@ -122,6 +122,17 @@ const SmartPtr<ITavixStreamBuf>& Connection::StreamLink() {
   return m_streamLink;
 }
 
+const SmartPtr<Object>& Connection::FindServant(IObjectHost& host, const std::u16string& id) {
+  // The version is read before the look-up: a change after it shows at the
+  // next request.
+  const uint32_t version = host.ServantsVersion();
+  if (m_servant && version == m_servantsVersion && id == m_servantId) return m_servant;
+  m_servant = host.FindServant(id);
+  m_servantId = id;
+  m_servantsVersion = version;
+  return m_servant;
+}
+
 bool Connection::BorrowBuffers(SmartPtr<StreamMemBuf>& input, SmartPtr<StreamMemBuf>& output) {
   if (m_buffersLent.exchange(true)) return false;
   if (!m_inputBuffer) {
@@ -334,7 +345,7 @@ int32_t Connection::Serve() {
     }
     switch (header.type) {
       case MSG_REQUEST: {
-        ObjectHelper request(SmartPtr<Connection>(this), m_factory->GetHost(), header.size);
+        ObjectHelper request(SmartPtr<Connection>(this), *m_factory->GetHost(), header.size);
         request.Invoke();
         break;
       }
@@ -395,7 +406,7 @@ void Connection::HandleDatagram(const SmartPtr<DatagramStreamBuf>& datagram) {
     return;
   }
   link.StartReading(HEADER_SIZE);
-  ObjectHelper request(SmartPtr<Connection>(this), m_factory->GetHost(), header.size, datagram);
+  ObjectHelper request(SmartPtr<Connection>(this), *m_factory->GetHost(), header.size, datagram);
   request.Invoke();
   if (request.GetContext().oneway != 0) return;
   if (link.Oversized()) {

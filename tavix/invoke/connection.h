@@ -13,6 +13,7 @@
 #include "tavix/core/shared.h"
 #include "tavix/core/thread.h"
 #include "tavix/invoke/messages.h"
+#include "tavix/invoke/object_host.h"
 #include "tavix/platform/clock.h"
 
 namespace TAVIX {
@@ -56,6 +57,11 @@ class Connection : public virtual Shared {
   // them have let go.
   bool BorrowBuffers(SmartPtr<StreamMemBuf>& input, SmartPtr<StreamMemBuf>& output);
   void ReturnBuffers() { m_buffersLent.store(false); }
+  // The servant of `id` in `host`, remembered from the last request while
+  // the host's servants stay as they were, so that a connection calling one
+  // object takes no lock of the adapter's; null with 0x2000000C when none
+  // has the id. Serving thread only.
+  const SmartPtr<Object>& FindServant(IObjectHost& host, const std::u16string& id);
 
   // Setting StateClosed closes an open transceiver; setting the current
   // state does nothing at all.
@@ -135,6 +141,10 @@ class Connection : public virtual Shared {
   // next so that its strings reuse their room (serving thread only; lent
   // together with the buffers).
   Context m_keptContext;
+  // The servant found last, its id and the host's servants version then.
+  SmartPtr<Object> m_servant;
+  std::u16string m_servantId;
+  uint32_t m_servantsVersion = 0;
   uint64_t m_requestStart = 0;  // 0: no request
   SpinLock m_requestLock;
 };

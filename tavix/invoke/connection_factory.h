@@ -32,7 +32,7 @@ class IConnectionFactory : public virtual Shared {
   virtual void WaitUntilDestroy(uint64_t deadlineTick) = 0;
   virtual const SmartPtr<IPassport>& GetPassport() const = 0;
   // The adapter whose servants the factory's connections serve.
-  virtual SmartPtr<IObjectHost> GetHost() const = 0;
+  virtual const SmartPtr<IObjectHost>& GetHost() const = 0;
 };
 
 }  // namespace TAVIX

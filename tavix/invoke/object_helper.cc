@@ -16,7 +16,7 @@
 
 namespace TAVIX {
 
-ObjectHelper::ObjectHelper(const SmartPtr<Connection>& connection, const SmartPtr<IObjectHost>& host,
+ObjectHelper::ObjectHelper(const SmartPtr<Connection>& connection, IObjectHost& host,
                            int32_t messageSize, const SmartPtr<ITavixStreamBuf>& link)
     : m_bodySize(messageSize - HEADER_SIZE), m_connection(connection), m_host(host), m_link(link) {
   m_reply.requestId = -1;
@@ -50,7 +50,7 @@ void ObjectHelper::Invoke() {
   context.peerPort = 0;
   m_connection->GetTransceiver()->GetPeer(context.peerAddress, context.peerPort);
 
-  if (m_host->GetStatus() != ADAPTER_ACTIVE) {
+  if (m_host.GetStatus() != ADAPTER_ACTIVE) {
     FinishServant(Err::AdapterInactive, 0);
   } else {
     Dispatch();
@@ -75,9 +75,9 @@ void ObjectHelper::Dispatch() {
     InvocationGuard(const InvocationGuard&) = delete;
     InvocationGuard& operator=(const InvocationGuard&) = delete;
     IObjectHost& host;
-  } counted(*m_host);
+  } counted(m_host);
 
-  SmartPtr<Object> servant = m_host->FindServant(m_context->objectName);
+  const SmartPtr<Object>& servant = m_connection->FindServant(m_host, m_context->objectName);
   if (!servant) {
     FinishServant(TavixGetLastError(), 0);
     return;

@@ -24,7 +24,9 @@ class ObjectHelper {
   // `messageSize` is the request header's size, header included. The body
   // is read and the reply written through `link`, the end of the stream
   // chain; by default the connection's transceiver itself.
-  ObjectHelper(const SmartPtr<Connection>& connection, const SmartPtr<IObjectHost>& host,
+  // The host outlives the request: the factory that serves the connection
+  // holds it.
+  ObjectHelper(const SmartPtr<Connection>& connection, IObjectHost& host,
                int32_t messageSize, const SmartPtr<ITavixStreamBuf>& link = nullptr);
   virtual ~ObjectHelper();
   ObjectHelper(const ObjectHelper&) = delete;
@@ -62,7 +64,7 @@ class ObjectHelper {
   int32_t m_bodySize;
   ReplyHead m_reply;
   SmartPtr<Connection> m_connection;
-  SmartPtr<IObjectHost> m_host;
+  IObjectHost& m_host;
   uint32_t m_socket = 0;
   FILETIME m_startTime = 0;
   BasicStream m_input;

@@ -47,6 +47,9 @@ class IObjectHost : public virtual Shared {
   virtual ObjectAdapterStatus GetStatus() = 0;
   // Null with 0x2000000C when no servant has the id.
   virtual SmartPtr<Object> FindServant(const std::u16string& id) = 0;
+  // Changes whenever a servant is added or removed, after the change, so
+  // that a servant found while it held still stands for its id.
+  virtual uint32_t ServantsVersion() = 0;
   // Raised before a dispatched request's servant is looked up, lowered
   // after its dispatch.
   virtual void IncrementInvocations() = 0;
