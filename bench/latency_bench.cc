@@ -27,10 +27,8 @@ namespace {
 using Bench = TcpEchoBench;
 Bench* g_bench = nullptr;
 
-SmartPtr<EchoPrx> ConnectedProxy(benchmark::State& state) { return ConnectedProxy(state, *g_bench); }
-
 void BM_TavixPing(benchmark::State& state) {
-  SmartPtr<EchoPrx> proxy = ConnectedProxy(state);
+  const BenchProxy proxy(state, *g_bench);
   if (!proxy) return;
   for (auto _ : state) {
     if (proxy->ObjectPing() != 0) {
@@ -52,7 +50,7 @@ BENCHMARK(BM_RawPingPong)->UseRealTime();
 
 // Every thread has its own proxy, so its own connection and serving thread.
 void BM_TavixCalls(benchmark::State& state) {
-  SmartPtr<EchoPrx> proxy = ConnectedProxy(state);
+  const BenchProxy proxy(state, *g_bench);
   if (!proxy) return;
   for (auto _ : state) {
     if (proxy->ObjectPing() != 0) {
@@ -72,7 +70,7 @@ void BM_RawCalls(benchmark::State& state) {
 BENCHMARK(BM_RawCalls)->Threads(1)->Threads(8)->Threads(64)->UseRealTime()->MinTime(1.0);
 
 void BM_TavixEchoBlob8MiB(benchmark::State& state) {
-  SmartPtr<EchoPrx> proxy = ConnectedProxy(state);
+  const BenchProxy proxy(state, *g_bench);
   if (!proxy) return;
   SmartPtr<ITavixBlob> blob = CreateTavixMemBlob();
   std::vector<uint8_t> content(kBlobBytes, 0xC3);

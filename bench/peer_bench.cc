@@ -185,6 +185,14 @@ bool StartServers(PeerBench& bench) {
 
 class TavixClient {
  public:
+  TavixClient() = default;
+  ~TavixClient() {
+    m_proxy = nullptr;
+    WaitForIdleServer(*g_bench);
+  }
+  TavixClient(const TavixClient&) = delete;
+  TavixClient& operator=(const TavixClient&) = delete;
+
   bool Connect() {
     m_proxy = CreateProxy<EchoPrx>(g_bench->client, g_bench->proxyString);
     return m_proxy && Ping();

@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -43,12 +44,14 @@ inline uint16_t FreePort() {
 struct TcpEchoBench {
   SmartPtr<Communicator> server = Initialize();
   SmartPtr<Communicator> client = Initialize();
+  SmartPtr<ObjectAdapter> adapter;
   std::string proxyString;
 };
 
 inline bool StartEchoServer(TcpEchoBench& bench) {
   const uint16_t port = FreePort();
-  SmartPtr<ObjectAdapter> adapter = bench.server->CreateObjectAdapter(std::string("Bench"));
+  bench.adapter = bench.server->CreateObjectAdapter(std::string("Bench"));
+  SmartPtr<ObjectAdapter>& adapter = bench.adapter;
   if (!adapter->AddServant(MakeShared<EchoServant>(), std::string("A"))) return false;
   adapter->Activate();
   if (!adapter->AddPassport("tcp -h #any -p " + std::to_string(port))) return false;
@@ -56,15 +59,40 @@ inline bool StartEchoServer(TcpEchoBench& bench) {
   return true;
 }
 
-// A proxy of its own, connected, or null with the benchmark marked failed.
-inline SmartPtr<EchoPrx> ConnectedProxy(benchmark::State& state, const TcpEchoBench& bench) {
-  SmartPtr<EchoPrx> proxy = CreateProxy<EchoPrx>(bench.client, bench.proxyString);
-  if (!proxy || proxy->ObjectPing() != 0) {
-    state.SkipWithError("cannot reach the Echo servant");
-    return nullptr;
+// Waits (2 s at most) until the server has ended every connection, as the
+// raw baseline joins its answering threads: no measure starts while the
+// server threads of the last one are still winding down.
+inline void WaitForIdleServer(const TcpEchoBench& bench) {
+  for (int waited = 0; waited < 2000 && bench.adapter->GetConnectionCount() > 0; ++waited) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  return proxy;
 }
+
+// A proxy of its own for one benchmark thread, connected, or empty with the
+// benchmark marked failed. When it goes, the server is let go idle.
+class BenchProxy {
+ public:
+  BenchProxy(benchmark::State& state, const TcpEchoBench& bench)
+      : m_bench(bench), m_proxy(CreateProxy<EchoPrx>(bench.client, bench.proxyString)) {
+    if (!m_proxy || m_proxy->ObjectPing() != 0) {
+      state.SkipWithError("cannot reach the Echo servant");
+      m_proxy = nullptr;
+    }
+  }
+  ~BenchProxy() {
+    m_proxy = nullptr;
+    WaitForIdleServer(m_bench);
+  }
+  BenchProxy(const BenchProxy&) = delete;
+  BenchProxy& operator=(const BenchProxy&) = delete;
+
+  explicit operator bool() const { return static_cast<bool>(m_proxy); }
+  EchoPrx* operator->() const { return m_proxy.get(); }
+
+ private:
+  const TcpEchoBench& m_bench;
+  SmartPtr<EchoPrx> m_proxy;
+};
 
 // Two plain connected loopback sockets with the buffers TAVIX gives its
 // connections; a thread on the far end answers every `request` bytes with
