@@ -60,6 +60,18 @@ class ToolProcess {
   pid_t m_pid;
 };
 
+struct ToolRun {
+  bool Has(const std::string& text) const { return output.find(text) != std::string::npos; }
+  int status = -1;
+  std::string output;  // standard output and error together
+};
+
+ToolRun Tool(const std::string& arguments) {
+  ToolRun run;
+  run.status = ToolProcess(arguments).Wait(&run.output);
+  return run;
+}
+
 std::string Endpoint(uint16_t port) { return "--endpoint 'tcp -h #any -p " + std::to_string(port) + "'"; }
 
 void ExpectEcho(uint16_t port, const std::string& object, const std::string& protocol = "tcp") {
@@ -77,16 +89,15 @@ TEST(TavixServe, PrintsProxiesServesEchoAndStopsOnSignals) {
     const std::string name = signal == SIGTERM ? "Box" : "Echo";
     std::vector<uint16_t> ports{FreePort()};
     std::string args = "serve " + Endpoint(ports[0]);
-    // A UDP endpoint beside them (UDP ports are free when TCP ones are, as
-    // far as this test's luck goes: a clash only fails the start).
+    // A UDP endpoint beside them (UDP ports are free when TCP ones are, as far as this test's luck goes: a clash only
+    // fails the start).
     const uint16_t udp = FreePort();
     if (signal == SIGTERM) {
       ports.push_back(FreePort());
       args += " " + Endpoint(ports[1]) + " --name Box --endpoint 'udp -h #any -p " + std::to_string(udp) + "'";
     }
     ToolProcess tool(args);
-    std::vector<std::string> expected;
-    std::vector<std::string> lines;
+    std::vector<std::string> expected, lines;
     for (const uint16_t port : ports) {
       expected.push_back(name + ":tcp -h " + host + " -p " + std::to_string(port) + " -t 0");
       lines.push_back(tool.Line());
@@ -104,23 +115,6 @@ TEST(TavixServe, PrintsProxiesServesEchoAndStopsOnSignals) {
     EXPECT_EQ(signal == SIGTERM ? "requests: 3" : "requests: 1", tool.Line());
     EXPECT_EQ(0, tool.Wait()) << "signal " << signal;
   }
-}
-
-TEST(TavixServe, BadEndpointsAndCommandLines) {
-  ToolProcess bad("serve --endpoint 'tcp -h #any'");
-  EXPECT_NE(std::string::npos, bad.Line().find("0x20000003 Error passport string."));
-  EXPECT_EQ(1, bad.Wait());
-  const uint16_t port = FreePort();
-  ToolProcess holder("serve " + Endpoint(port));
-  ASSERT_FALSE(holder.Line().empty());
-  ToolProcess taken("serve " + Endpoint(port));
-  const std::string error = taken.Line();
-  EXPECT_NE(std::string::npos, error.find("0x00000062")) << error;  // EADDRINUSE
-  EXPECT_EQ(1, taken.Wait());
-  holder.Signal(SIGTERM);
-  EXPECT_EQ(0, holder.Wait());
-  EXPECT_EQ(2, ToolProcess("frobnicate").Wait());
-  EXPECT_EQ(2, ToolProcess("serve --endpoint").Wait());
 }
 
 struct FaultCase {
@@ -175,18 +169,6 @@ TEST(TavixServe, ServantFaultEndsOnlyItsConnectionAndLeavesAReport) {
   std::filesystem::remove_all(dir);
 }
 
-struct ToolRun {
-  bool Has(const std::string& text) const { return output.find(text) != std::string::npos; }
-  int status = -1;
-  std::string output;  // standard output and error together
-};
-
-ToolRun Tool(const std::string& arguments) {
-  ToolRun run;
-  run.status = ToolProcess(arguments).Wait(&run.output);
-  return run;
-}
-
 class ClientCommandsTest : public ::testing::Test {
  protected:
   std::string Proxy(const std::string& object = "Echo") const {
@@ -216,6 +198,7 @@ TEST_F(ClientCommandsTest, PingPrintsOneLinePerCallAndCallAnswers) {
   }
 }
 
+// Failures of the client commands and of `tavix serve`'s start.
 TEST_F(ClientCommandsTest, FailuresPrintTheirCodeAndExitOneOrTwo) {
   const std::string closed = std::to_string(FreePort());
   const std::tuple<std::string, int, const char*> cases[] = {
@@ -228,6 +211,10 @@ TEST_F(ClientCommandsTest, FailuresPrintTheirCodeAndExitOneOrTwo) {
       {"ping", 2, ""},
       {"ping " + Proxy() + " --count 0", 2, ""},
       {"call " + Proxy() + " shout x", 2, ""},
+      {"serve --endpoint 'tcp -h #any'", 1, "0x20000003 Error passport string."},
+      {"serve " + Endpoint(m_server.port), 1, "0x00000062"},  // EADDRINUSE: this test's server has the port
+      {"serve --endpoint", 2, ""},
+      {"frobnicate", 2, ""},
   };
   for (const auto& [arguments, status, text] : cases) {
     const ToolRun run = Tool(arguments);

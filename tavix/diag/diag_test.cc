@@ -37,13 +37,7 @@ constexpr bool kRealFaults = true;
 
 class ReportFileTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    m_dir = std::filesystem::temp_directory_path() /
-            ("tavix_diag_" + std::to_string(getpid()) + "_" +
-             ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    std::filesystem::create_directories(m_dir);
-    m_path = (m_dir / "app.RPT").string();
-  }
+  void SetUp() override { std::filesystem::create_directories(m_dir); }
   void TearDown() override { std::filesystem::remove_all(m_dir); }
 
   // Runs `body` in a child process with no core dumps; returns the signal that ended the child, 0 when it exited.
@@ -61,11 +55,14 @@ class ReportFileTest : public ::testing::Test {
     return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
   }
 
-  std::filesystem::path m_dir;
-  std::string m_path;
+  const std::filesystem::path m_dir = std::filesystem::temp_directory_path() /
+                                      ("tavix_diag_" + std::to_string(getpid()) + "_" +
+                                       ::testing::UnitTest::GetInstance()->current_test_info()->name());
+  std::string m_path = (m_dir / "app.RPT").string();
 };
 
-TEST_F(ReportFileTest, NewFileGetsOneMarkAndReportsFollowEachOther) {
+// A new file gets one byte-order mark, reports follow each other, and a file above 16 MiB is replaced.
+TEST_F(ReportFileTest, NewFileGetsOneMarkReportsFollowAndLargeFilesAreReplaced) {
   { std::ofstream empty(m_path); }
   ExceptionReport::WriteCurrent(m_path, false);
   const std::string first = Bytes(m_path);
@@ -81,13 +78,10 @@ TEST_F(ReportFileTest, NewFileGetsOneMarkAndReportsFollowEachOther) {
                              "Exception code: E0000000 \r\n", "Fault address:  ", "Registers:\r\n", "RIP:",
                              "Call stack:\r\n", "WriteCurrent"}));
   EXPECT_EQ(std::string::npos, text.find("Local Variables And Parameters"));
-}
-
-TEST_F(ReportFileTest, FileAbove16MiBIsReplaced) {
-  std::filesystem::resize_file((std::ofstream(m_path), m_path), 0x1000001);
+  // A file above 16 MiB is replaced.
+  std::filesystem::resize_file(m_path, 0x1000001);
   ExceptionReport::WriteCurrent(m_path, false);
-  const std::string bytes = Bytes(m_path);
-  EXPECT_LT(bytes.size(), 0x100000u);
+  EXPECT_LT(Bytes(m_path).size(), 0x100000u);
   EXPECT_EQ(0u, Text(m_path).find("Exception report created by"));
 }
 

@@ -2,13 +2,7 @@
 // connections and listeners at shutdown is covered end to end by the proxy and server tests.
 #include "tavix/runtime/communicator.h"
 
-#include <gtest/gtest.h>
-
-#include <thread>
-
 #include "tavix/invoke/wire_test_util.h"
-#include "tavix/platform/clock.h"
-#include "tavix/platform/process.h"
 
 namespace TAVIX {
 

@@ -16,12 +16,9 @@ namespace {
 using namespace test_wire;
 using testing::Pattern;
 
-using namespace test_wire;
-
 TEST(TcpTransceiverTest, ClosedTransceiverAndIllegalLengthsFail) {
   TcpTransceiver closed;
   char buffer[8] = {};
-  EXPECT_EQ(INVALID_SOCKET, closed.GetHandle());
   for (const int32_t result : {closed.WaitForRecv(10), closed.WaitForSend(10), closed.Recv(buffer, 8),
                                closed.Recvn(buffer, 8), closed.Send(buffer, 8)}) {
     EXPECT_EQ(-3, result);
@@ -53,15 +50,10 @@ TEST(TcpTransceiverTest, ConnectedPairCarriesTcpOptions) {
   }
 }
 
-// A wait times out, then sees data; the peer's orderly close after part of a message counts as readable and ends an
-// exact read with 0.
+// A wait sees data; the peer's orderly close after part of a message counts as readable and ends an exact read with
+// 0. (Waits that time out show in the datagram and proxy tests.)
 TEST(TcpTransceiverTest, WaitsAndReadsUpToThePeersClose) {
   TcpPair pair = ConnectedPair();
-  const uint64_t start = platform::TickCountMs();
-  EXPECT_EQ(-2, pair.server->WaitForRecv(150));
-  EXPECT_EQ(Err::ReceiveTimeout, TavixGetLastError());
-  EXPECT_GE(MsSince(start), 140);
-  EXPECT_FALSE(pair.server->IsWaiting());
   EXPECT_EQ(1, pair.client->WaitForSend(100));
   ASSERT_EQ(3, pair.client->Send("abc", 3));
   EXPECT_EQ(1, pair.server->WaitForRecv(2000));
@@ -402,8 +394,6 @@ std::string ReceiveText(UdpTransceiver& t) {
 TEST(UdpTransceiverTest, LimitsAndRefusedOperations) {
   UdpPair pair = OpenPair();
   UdpTransceiver& client = *pair.client;
-  EXPECT_EQ(2, client.Type());
-  EXPECT_EQ(65507, client.MaxMessageSize());
   EXPECT_FALSE(client.IsBroadcast());
   std::vector<char> big(65508, 'x');
   const Outcome illegal{-2, Err::IllegalBufferSize};
@@ -415,14 +405,12 @@ TEST(UdpTransceiverTest, LimitsAndRefusedOperations) {
   std::u16string address = u"untouched";
   uint16_t port = 7;
   EXPECT_FALSE(client.GetPeer(address, port));
-  EXPECT_EQ(u"untouched", address);
-  EXPECT_EQ(7, port);
+  EXPECT_EQ(std::tuple(std::u16string(u"untouched"), uint16_t{7}), std::tuple(address, port));
   // The largest datagram goes through whole; nothing is sent for 0 bytes.
   EXPECT_EQ(65507, client.Send(big.data(), 65507));
   EXPECT_EQ(std::string(65507, 'x'), ReceiveText(*pair.server));
   EXPECT_EQ((Outcome{-2, Err::ReceiveTimeout}), OutcomeOf([&] { return pair.server->WaitForRecv(50); }));
   client.Close();
-  EXPECT_FALSE(client.IsOpen());
   for (const int32_t result : {client.Send(big.data(), 1), client.Recv(big.data(), 1), client.WaitForRecv(10)}) {
     EXPECT_EQ(-3, result);
   }
