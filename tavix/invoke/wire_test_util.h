@@ -1,5 +1,5 @@
-// Test helpers shared by the transport, invocation, adapter, client and tool tests: byte builders for messages,
-// loopback sockets, a served adapter on a free port, raw TCP and UDP peers and a reader of this process's trace log.
+// Test helpers shared by the transport, adapter, client, runtime and tool tests: byte builders for messages, loopback
+// sockets, a served adapter on a free port, raw TCP and UDP peers and a reader of this process's trace log.
 #ifndef TAVIX_INVOKE_WIRE_TEST_UTIL_H_
 #define TAVIX_INVOKE_WIRE_TEST_UTIL_H_
 
@@ -18,7 +18,6 @@
 #include <vector>
 
 #include "tavix/adapter/object_adapter.h"
-#include "tavix/core/errors.h"
 #include "tavix/core/format.h"
 #include "tavix/core/inet_addr.h"
 #include "tavix/core/text.h"
@@ -61,7 +60,6 @@ class Writer {
 };
 
 inline Bytes WStr(const std::u16string& s) { return Writer().wstr(s).get(); }
-
 inline Bytes Header(uint8_t type, int32_t size) {
   MsgHeaderData header;
   header.Init(type);
@@ -94,7 +92,6 @@ inline Bytes BlobBytes(const SmartPtr<ITavixBlob>& blob) {
   const auto* data = static_cast<const uint8_t*>(blob->Data());
   return Bytes(data, data + blob->Size());
 }
-
 inline int32_t ReadI32(const Bytes& b, size_t at) {
   int32_t v = 0;
   std::memcpy(&v, b.data() + at, 4);
@@ -132,6 +129,7 @@ inline InetAddr Loopback(uint16_t port) {
   address.Set("127.0.0.1", port);
   return address;
 }
+inline uint64_t MsSince(uint64_t start) { return platform::TickCountMs() - start; }
 
 // An open acceptor on 127.0.0.1 and a port of the system's choice.
 inline SmartPtr<TcpAcceptor> LoopbackAcceptor() {
@@ -158,8 +156,6 @@ inline TcpPair ConnectedPair() {
   acceptor->Accept(server, 2000);
   return {SmartPtr<TcpTransceiver>::DynamicCast(client), SmartPtr<TcpTransceiver>::DynamicCast(server)};
 }
-
-inline uint64_t MsSince(uint64_t start) { return platform::TickCountMs() - start; }
 
 // A plain datagram socket on 127.0.0.1.
 class RawUdp {

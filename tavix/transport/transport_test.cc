@@ -232,7 +232,7 @@ SmartPtr<TcpPassport> Made(const std::u16string& text) {
   return passport;
 }
 
-TEST(PassportGrammarTest, AcceptedStringsAndTheirFields) {
+TEST(PassportGrammarTest, AcceptedStringsTheirFieldsAndLocalHosts) {
   const std::tuple<const char16_t*, const char16_t*, uint16_t, uint32_t> cases[] = {
       {u"tcp -h 10.0.0.1 -p 5678 -t 3000", u"10.0.0.1", 5678, 3000},
       {u"tcp -p 1 -h a", u"a", 1, 0},
@@ -254,6 +254,18 @@ TEST(PassportGrammarTest, AcceptedStringsAndTheirFields) {
               std::tuple(p->Host(), p->Port(), p->Timeout(), p->IsLocal()))
         << NarrowString(text);
   }
+  // "#any" and this host's own name, in any case, mean every interface; another host clears the flag again.
+  EXPECT_TRUE(Made(u"tcp -h #any -p 1")->IsLocal());
+  EXPECT_EQ(u"0.0.0.0", Made(u"tcp -h #any -p 1")->Host());
+  std::u16string shouted = GetLocalHostName();
+  ASSERT_FALSE(shouted.empty());
+  for (char16_t& c : shouted) {
+    if (c >= u'a' && c <= u'z') c = static_cast<char16_t>(c - u'a' + u'A');
+  }
+  const SmartPtr<TcpPassport> named = Made(u"tcp -h " + shouted + u" -p 1");
+  EXPECT_EQ(std::tuple(true, shouted), std::tuple(named->IsLocal(), named->Host()));
+  ASSERT_TRUE(named->Create(std::u16string(u"tcp -h 10.1.2.3 -p 1")));
+  EXPECT_FALSE(named->IsLocal());
 }
 
 TEST(PassportGrammarTest, RefusedStringsSetBadPassportString) {
@@ -273,21 +285,6 @@ TEST(PassportGrammarTest, RefusedStringsSetBadPassportString) {
   TcpPassport partial;
   EXPECT_FALSE(partial.Create(std::u16string(u"tcp -h kept -p 99 -t 7 -x")));
   EXPECT_EQ(u"tcp -h kept -p 99 -t 7", Printed(partial));
-}
-
-TEST(PassportGrammarTest, AnyAndOwnNameMeanEveryInterface) {
-  EXPECT_TRUE(Made(u"tcp -h #any -p 1")->IsLocal());
-  EXPECT_EQ(u"0.0.0.0", Made(u"tcp -h #any -p 1")->Host());
-  std::u16string shouted = GetLocalHostName();
-  ASSERT_FALSE(shouted.empty());
-  for (char16_t& c : shouted) {
-    if (c >= u'a' && c <= u'z') c = static_cast<char16_t>(c - u'a' + u'A');
-  }
-  const SmartPtr<TcpPassport> named = Made(u"tcp -h " + shouted + u" -p 1");
-  EXPECT_TRUE(named->IsLocal());
-  EXPECT_EQ(shouted, named->Host());
-  ASSERT_TRUE(named->Create(std::u16string(u"tcp -h 10.1.2.3 -p 1")));
-  EXPECT_FALSE(named->IsLocal());  // another host clears the flag again
 }
 
 TEST(PassportPrintTest, PrintedFormsWideAndNarrow) {
@@ -391,7 +388,7 @@ std::string ReceiveText(UdpTransceiver& t) {
   return n < 0 ? "<error>" : std::string(buffer.data(), static_cast<size_t>(n));
 }
 
-TEST(UdpTransceiverTest, LimitsAndRefusedOperations) {
+TEST(UdpTransceiverTest, LimitsRefusedOperationsAndTheReplyAddress) {
   UdpPair pair = OpenPair();
   UdpTransceiver& client = *pair.client;
   EXPECT_FALSE(client.IsBroadcast());
@@ -416,9 +413,7 @@ TEST(UdpTransceiverTest, LimitsAndRefusedOperations) {
   }
   EXPECT_EQ(0, client.Open()) << "a closed transceiver opens again with its mode and address";
   EXPECT_EQ(UdpTransceiver::UDP_MODE_CLIENT, client.GetMode());
-}
-
-TEST(UdpTransceiverTest, ServerAnswersTheLastSender) {
+  // A server answers the last sender.
   UdpPair first = OpenPair();
   UdpTransceiver second(UdpTransceiver::UDP_MODE_CLIENT, first.client->Endpoint());
   ASSERT_EQ(0, second.Open());
