@@ -8,8 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <string>
-#include <vector>
 
 #include "tavix/core/host_info.h"
 #include "tavix/diag/report_test_util.h"
@@ -34,7 +32,6 @@ class ToolProcess {
     Signal(SIGKILL);
     Wait();
   }
-
   std::string Line() {
     char buffer[512];
     if (std::fgets(buffer, sizeof buffer, m_pipe) == nullptr) return {};
@@ -117,11 +114,6 @@ TEST(TavixServe, PrintsProxiesServesEchoAndStopsOnSignals) {
   }
 }
 
-struct FaultCase {
-  int32_t kind;
-  std::vector<std::string> expected;  // in report order
-};
-
 TEST(TavixServe, ServantFaultEndsOnlyItsConnectionAndLeavesAReport) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "needs the library's own fault handlers, which the sanitizers replace";
@@ -135,13 +127,14 @@ TEST(TavixServe, ServantFaultEndsOnlyItsConnectionAndLeavesAReport) {
   ToolProcess tool("serve --allow-faults " + Endpoint(port), (dir / "tavix").string());
   ASSERT_FALSE(tool.Line().empty());
   const std::string object = "Echo:tcp -h 127.0.0.1 -p " + std::to_string(port) + " -t 30000";
-  const std::vector<FaultCase> cases{
+  // Each fault's kind, and what its report shows in order.
+  const std::pair<int32_t, std::vector<std::string>> cases[] = {
       {1, {"C0000005 ACCESS_VIOLATION", "WriteThroughNull(int)+", "Local 'written' int32_t = 7\r\n"}},
       {2, {"C0000094 INT_DIVIDE_BY_ZERO", "DivideByZero(int)+", "Parameter 'dividend' int32_t = 2\r\n"}},
       {3, {"C00000FD STACK_OVERFLOW", "Recurse(int)+", "Parameter 'depth' int32_t = "}},
   };
-  for (const FaultCase& fault : cases) {
-    EXPECT_EQ(Err::ConnectionClosed, CreateProxy<EchoPrx>(Initialize(), object)->Fault(fault.kind));
+  for (const auto& [kind, expected] : cases) {
+    EXPECT_EQ(Err::ConnectionClosed, CreateProxy<EchoPrx>(Initialize(), object)->Fault(kind));
     ExpectEcho(port, "Echo");
   }
   tool.Signal(SIGTERM);
@@ -153,17 +146,17 @@ TEST(TavixServe, ServantFaultEndsOnlyItsConnectionAndLeavesAReport) {
   EXPECT_EQ(3, caught) << log;
   const std::string report = test_report::Text((dir / "tavix.RPT").string());
   size_t start = 0;
-  for (const FaultCase& fault : cases) {
+  for (const auto& [kind, expected] : cases) {
     const size_t end = report.find("Exception report created by", start + 1);
     const std::string one = report.substr(start, end - start);
     std::string missing;
     EXPECT_TRUE(test_report::InOrder(
         one, {"Exception report created by tavix 0. 1. 0. 0 [", "System details:\r\n", "Linux", "Vendor: ",
-              "Memory Used ", "Exception code: " + fault.expected[0] + "\r\n", "Fault address:  ", "/tavix\r\n",
-              "RAX:", "RIP:", "Call stack:", fault.expected[1], "echo_faults.cc line ",
-              "Local Variables And Parameters:", fault.expected[1], fault.expected[2]},
+              "Memory Used ", "Exception code: " + expected[0] + "\r\n", "Fault address:  ", "/tavix\r\n",
+              "RAX:", "RIP:", "Call stack:", expected[1], "echo_faults.cc line ",
+              "Local Variables And Parameters:", expected[1], expected[2]},
         &missing))
-        << "kind " << fault.kind << " lacks " << missing << " in\n" << one;
+        << "kind " << kind << " lacks " << missing << " in\n" << one;
     start = end;
   }
   std::filesystem::remove_all(dir);
@@ -174,7 +167,6 @@ class ClientCommandsTest : public ::testing::Test {
   std::string Proxy(const std::string& object = "Echo") const {
     return "'" + object + ":tcp -h 127.0.0.1 -p " + std::to_string(m_server.port) + " -t 3000'";
   }
-
   TestServer m_server{MakeShared<EchoServant>(), 0, "Echo"};
 };
 

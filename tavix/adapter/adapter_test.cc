@@ -26,7 +26,6 @@ class Servant : public Object {
   std::atomic<int> pings{0};
   std::atomic<int32_t> invocationsSeen{-1}, oneway{-1};
   ObjectAdapter* adapter = nullptr;
-
   uint32_t ObjectPing(const Context& ctx) override {
     ++pings;
     oneway = ctx.oneway;
@@ -82,7 +81,6 @@ class ServerTest : public ::testing::Test {
     return on.ReceiveMessage();
   }
   Reply Call(const Bytes& request, RawClient* client = nullptr) { return ParseReply(RawCall(request, client)); }
-
   Disconnects m_disconnects;
   SmartPtr<Servant> m_servant = MakeShared<Servant>();
   TestServer m_server{m_servant};
@@ -323,7 +321,7 @@ bool Accepts(uint16_t port) {
   return client.Connect(port) && client.Receive(HEADER_SIZE) == Header(MSG_VALIDATE, 20);
 }
 
-TEST(ObjectAdapter, ServantsByExactId) {
+TEST(ObjectAdapter, ServantsByExactIdAndPassportsThatConflictOpenAndClose) {
   auto adapter = MakeShared<ObjectAdapter>();
   auto one = MakeShared<Object>(), two = MakeShared<Object>();
   EXPECT_TRUE(adapter->AddServant(SmartPtr<Object>(one), std::u16string(u"Printer")));
@@ -338,11 +336,7 @@ TEST(ObjectAdapter, ServantsByExactId) {
   EXPECT_EQ(Err::ObjectNotFound, Refused([&] { return adapter->FindServant(u"PRINTER"); }));
   EXPECT_EQ(Err::ObjectNotFound, Refused([&] { return adapter->RemoveServant(std::u16string(u"Printer")); }));
   EXPECT_EQ(Err::ObjectNotFound, Refused([&] { return adapter->GetProxyString(std::string("Printer"), proxies); }));
-}
-
-// The printed form of proxy strings is checked through `tavix serve`.
-TEST(ObjectAdapter, PassportsConflictOpenAndClose) {
-  auto adapter = MakeShared<ObjectAdapter>();
+  // Passports conflict, open and close (the printed form of proxy strings is checked through `tavix serve`).
   ASSERT_TRUE(adapter->AddServant(MakeShared<Object>(), std::u16string(u"Obj")));
   const uint16_t port = FreePort();
   // Inactive: nothing is opened, so even a foreign address is taken.
@@ -368,7 +362,7 @@ TEST(ObjectAdapter, PassportsConflictOpenAndClose) {
   auto other = MakeShared<ObjectAdapter>();
   other->Activate();
   EXPECT_EQ(static_cast<uint32_t>(EADDRINUSE), Refused([&] { return other->AddPassport(Endpoint(local)); }));
-  std::vector<std::string> proxies{"kept"};
+  proxies = {"kept"};
   EXPECT_TRUE(adapter->GetProxyString(std::string("Obj"), proxies));
   EXPECT_EQ(4u, proxies.size()) << "appended to what was there";
   EXPECT_TRUE(adapter->RemovePassport(passport));
@@ -395,7 +389,6 @@ class TcpConnectionFactoryTest : public ::testing::Test {
     if (m_factory) m_factory->Destroy(), m_factory->WaitUntilDestroy(platform::kNoDeadline);
     m_adapter->RegisterDisconnectNotification(nullptr, nullptr);
   }
-
   // A factory for `host` and a port that was free.
   void MakeFactory(const std::string& host) {
     m_host = host == "#any" ? "127.0.0.1" : host;
@@ -414,7 +407,6 @@ class TcpConnectionFactoryTest : public ::testing::Test {
     shutdown();
     EXPECT_LT(MsSince(start), TcpConnectionFactory::kAcceptTickMs / 2);
   }
-
   Disconnects m_disconnects;
   SmartPtr<ObjectAdapter> m_adapter = MakeShared<ObjectAdapter>();
   SmartPtr<TcpConnectionFactory> m_factory;

@@ -32,7 +32,6 @@ class TestServant final : public Object {
  public:
   std::atomic<uint32_t> mixStatus{0};
   std::atomic<int32_t> counted{0};
-
   uint32_t Count(const int32_t& n, const Context&) { return counted += n, 0; }
   uint32_t Echo(const std::u16string& in, std::u16string& out, const Context&) { return out = in, 0; }
   uint32_t Fill(const int32_t& bytes, std::string& out, const Context&) {
@@ -70,7 +69,6 @@ class TestServant final : public Object {
 class FakeServer {
  public:
   using Script = std::function<void(RawClient&)>;
-
   explicit FakeServer(std::vector<Script> scripts) {
     InetAddr address = Loopback(0);
     uint32_t length = InetAddr::SockAddrLen();
@@ -118,18 +116,17 @@ class ProxyTest : public ::testing::Test {
   SmartPtr<TestServant> m_servant = MakeShared<TestServant>();
 };
 
-TEST_F(ProxyTest, ProxyStringsSplitAtTheFirstColon) {
-  SmartPtr<ProxyObject> proxy = Proxy("Printer:tcp -h 10.0.0.1 -p 5678 -t 250");
-  EXPECT_EQ(std::tuple(std::u16string(u"Printer"), 250u), std::tuple(proxy->ObjectName(), proxy->Timeout()));
+// Proxy strings split at the first colon.
+TEST_F(ProxyTest, ProxyStringsSplitAndCallsReachTheServantAndStatusesComeBack) {
+  SmartPtr<ProxyObject> printer = Proxy("Printer:tcp -h 10.0.0.1 -p 5678 -t 250");
+  EXPECT_EQ(std::tuple(std::u16string(u"Printer"), 250u), std::tuple(printer->ObjectName(), printer->Timeout()));
   const std::pair<const char*, uint32_t> bad[] = {
       {"no colon here", Err::BadProxyString}, {":tcp -h a -p 1", Err::BadProxyString},
       {"A:tcp -h a", Err::BadPassportString}, {"A:b:tcp -h a -p 1", Err::UnsupportedFunction}};
   for (const auto& [text, error] : bad) {
     EXPECT_EQ(error, Refused([&] { return CreateProxy(m_client, text); })) << text;
   }
-}
-
-TEST_F(ProxyTest, CallsReachTheServantAndStatusesComeBack) {
+  // Calls reach the servant and statuses come back.
   TestServer server(m_servant);
   SmartPtr<ProxyObject> proxy = Proxy(server.ProxyString());
   std::u16string out;
@@ -331,12 +328,11 @@ class UdpServerTest : public ProxyTest {
  protected:
   void SetUp() override { ASSERT_NE(0, m_server.port); }
   Reply Call(const Bytes& request) { return m_raw.SendTo(m_server.port, request), ParseReply(m_raw.Receive()); }
-
   TestServer m_server{m_servant, 0, "A", "udp"};
   RawUdp m_raw;
 };
 
-TEST_F(UdpServerTest, AnswersEachDatagramToItsSenderAndDropsBadOnes) {
+TEST_F(UdpServerTest, AnswersEachDatagramToItsSenderDropsBadOnesAndRefusesOversizedReplies) {
   LogLines log;
   // No validation message: the first datagram is the first request.
   const Reply reply = Call(Request(7, u"A", u"Echo", WStr(u"hi")));
@@ -365,9 +361,7 @@ TEST_F(UdpServerTest, AnswersEachDatagramToItsSenderAndDropsBadOnes) {
   // A client's close message ends nothing.
   m_raw.SendTo(m_server.port, Header(MSG_CLOSE, 20));
   EXPECT_EQ(8, Call(good).requestId);
-}
-
-TEST_F(UdpServerTest, OversizedReplyBecomesAStatusReply) {
+  // A reply too large for a datagram becomes a status reply.
   const int32_t fits = 65507 - 36 - 5;  // the string's 5-byte length prefix
   m_raw.SendTo(m_server.port, Request(3, u"A", u"Fill", Writer().i32(fits).get()));
   Bytes datagram = m_raw.Receive();
@@ -381,15 +375,7 @@ TEST_F(UdpServerTest, OversizedReplyBecomesAStatusReply) {
 }
 
 TEST_F(UdpServerTest, FloodLeavesTheServerAnsweringWithFlatMemory) {
-  const auto residentKb = [] {
-    std::ifstream status("/proc/self/status");
-    std::string word;
-    int64_t kb = 0;
-    while (status >> word && word != "VmRSS:") {
-    }
-    status >> kb;
-    return kb;
-  };
+  const auto residentKb = [] { return ProcStatus("self", "VmRSS"); };
   const Bytes count = Request(0, u"A", u"Count", Writer().i32(1).get());
   m_raw.SendTo(m_server.port, count);
   ASSERT_TRUE(Eventually([&] { return m_servant->counted.load() == 1; }));

@@ -46,7 +46,8 @@ bool Eventually(Condition condition) {
   return condition();
 }
 
-TEST(RecLockTest, DepthCountsAndStateSaveReleasesCompletely) {
+// A recursive lock counts its depth and a saved state releases it completely.
+TEST(LockTest, RecursiveDepthStateSaveAndSpinExclusion) {
   RecLock lock;
   lock.lock();
   lock.lock();
@@ -63,20 +64,18 @@ TEST(RecLockTest, DepthCountsAndStateSaveReleasesCompletely) {
   EXPECT_FALSE(TryLockFromOtherThread(lock));
   lock.unlock();
   EXPECT_TRUE(TryLockFromOtherThread(lock));
-}
-
-TEST(SpinLockTest, ExcludesAndUnlockOfFreeLockKeepsItFree) {
-  SpinLock lock;
-  lock.unlock();
-  EXPECT_TRUE(lock.tryLock());
-  EXPECT_FALSE(lock.tryLock());
-  lock.unlock();
+  // A spin lock excludes, and an unlock of a free one keeps it free.
+  SpinLock spin;
+  spin.unlock();
+  EXPECT_TRUE(spin.tryLock());
+  EXPECT_FALSE(spin.tryLock());
+  spin.unlock();
   int64_t counter = 0;
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&] {
       for (int i = 0; i < 20000; ++i) {
-        ScopedLock guard(lock);
+        ScopedLock guard(spin);
         ++counter;
       }
     });
@@ -325,7 +324,6 @@ class TraceLogTest : public ::testing::Test {
     fs::create_directories(m_dir);
   }
   void TearDown() override { fs::remove_all(m_dir); }
-
   std::string Bytes() const {
     std::ifstream in(m_path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});
@@ -344,14 +342,13 @@ class TraceLogTest : public ::testing::Test {
     EXPECT_EQ(start, text.size()) << "text after the last CR LF";
     return lines;
   }
-
   const fs::path m_dir = fs::temp_directory_path() /
                          ("tavix_log_" + std::to_string(platform::ProcessId()) + "_" +
                           ::testing::UnitTest::GetInstance()->current_test_info()->name());
   const std::string m_path = (m_dir / "server_tavix.log").string();
 };
 
-TEST_F(TraceLogTest, FirstLineGetsByteOrderMarkAndExactHeader) {
+TEST_F(TraceLogTest, FirstLineGetsByteOrderMarkAndExactHeaderBesideTheProgram) {
   TraceLog log(m_path);
   const int written = log.Append(u"DNS Error:%hs\n", "no.such.host");
   const std::string bytes = Bytes();
@@ -368,6 +365,10 @@ TEST_F(TraceLogTest, FirstLineGetsByteOrderMarkAndExactHeader) {
   log.Append(u"second");
   EXPECT_EQ(2u, Lines().size());
   EXPECT_EQ(std::string::npos, Bytes().find("\xFF\xFE", 2)) << "mark written twice";
+  // A program's log replaces the whole path's last dot.
+  EXPECT_EQ("/opt/app/server_tavix.log", TraceLog::LogPathFor("/opt/app/server"));
+  EXPECT_EQ("/opt/app/server_tavix.log", TraceLog::LogPathFor("/opt/app/server.bin"));
+  EXPECT_EQ("/opt/my_tavix.log", TraceLog::LogPathFor("/opt/my.app/server"));
 }
 
 TEST_F(TraceLogTest, EveryLineEndsInExactlyOneCrLf) {
@@ -410,12 +411,6 @@ TEST_F(TraceLogTest, LinesFromManyThreadsNeverInterleave) {
   ASSERT_EQ(300u, lines.size());
   const std::regex shape(R"(\[\d{5}-\d{5}\] .{23} thread \d line \d{3} with some padding text)");
   for (const auto& line : lines) EXPECT_TRUE(std::regex_match(line, shape)) << line;
-}
-
-TEST(TraceLogPathTest, ReplacesFromLastDotOfWholePath) {
-  EXPECT_EQ("/opt/app/server_tavix.log", TraceLog::LogPathFor("/opt/app/server"));
-  EXPECT_EQ("/opt/app/server_tavix.log", TraceLog::LogPathFor("/opt/app/server.bin"));
-  EXPECT_EQ("/opt/my_tavix.log", TraceLog::LogPathFor("/opt/my.app/server"));
 }
 
 }  // namespace

@@ -39,7 +39,6 @@ class ReportFileTest : public ::testing::Test {
  protected:
   void SetUp() override { std::filesystem::create_directories(m_dir); }
   void TearDown() override { std::filesystem::remove_all(m_dir); }
-
   // Runs `body` in a child process with no core dumps; returns the signal that ended the child, 0 when it exited.
   int SignalOfChild(const std::function<void()>& body) {
     const pid_t child = fork();
@@ -54,7 +53,6 @@ class ReportFileTest : public ::testing::Test {
     waitpid(child, &status, 0);
     return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
   }
-
   const std::filesystem::path m_dir = std::filesystem::temp_directory_path() /
                                       ("tavix_diag_" + std::to_string(getpid()) + "_" +
                                        ::testing::UnitTest::GetInstance()->current_test_info()->name());
@@ -85,14 +83,7 @@ TEST_F(ReportFileTest, NewFileGetsOneMarkReportsFollowAndLargeFilesAreReplaced) 
   EXPECT_EQ(0u, Text(m_path).find("Exception report created by"));
 }
 
-TEST_F(ReportFileTest, PathReplacesALongEnoughExtensionOtherwiseAppends) {
-  EXPECT_EQ("/srv/server.RPT", ExceptionReport::PathFor("/srv/server.exe"));
-  EXPECT_EQ("/srv/my.RPT", ExceptionReport::PathFor("/srv/my.app/server"));
-  EXPECT_EQ("/srv/server.ab.RPT", ExceptionReport::PathFor("/srv/server.ab"));
-  EXPECT_EQ("/srv/server.RPT", ExceptionReport::PathFor("/srv/server"));
-}
-
-TEST(ExceptionCodes, SignalsMapToTheNamedCodes) {
+TEST(ExceptionReportNames, SignalsMapToTheNamedCodesAndPathsFollowThePrograms) {
   EXPECT_EQ(0xC0000005u, ExceptionCodeOf(SIGSEGV, SEGV_MAPERR, 0, 0x7FFF0000));
   EXPECT_EQ(0xC00000FDu, ExceptionCodeOf(SIGSEGV, SEGV_ACCERR, 0x7FFEFFF8, 0x7FFF0000));
   EXPECT_EQ(0xC0000094u, ExceptionCodeOf(SIGFPE, FPE_INTDIV, 0, 0));
@@ -104,6 +95,11 @@ TEST(ExceptionCodes, SignalsMapToTheNamedCodes) {
   EXPECT_EQ("STACK_OVERFLOW", ExceptionName(0xC00000FD));
   EXPECT_EQ(0xE0000006u, ExceptionCodeOf(SIGABRT, SI_TKILL, 0, 0));
   EXPECT_EQ("Aborted", ExceptionName(0xE0000006));
+  // A report's path replaces a long enough extension of the program's, and is appended otherwise.
+  EXPECT_EQ("/srv/server.RPT", ExceptionReport::PathFor("/srv/server.exe"));
+  EXPECT_EQ("/srv/my.RPT", ExceptionReport::PathFor("/srv/my.app/server"));
+  EXPECT_EQ("/srv/server.ab.RPT", ExceptionReport::PathFor("/srv/server.ab"));
+  EXPECT_EQ("/srv/server.RPT", ExceptionReport::PathFor("/srv/server"));
 }
 
 [[gnu::noinline]] void WriteThroughNull() {

@@ -183,7 +183,6 @@ class RawUdp {
     if (from != nullptr) *from = sender.Port();
     return bytes;
   }
-
   uint16_t port = 0;
 
  private:
@@ -214,11 +213,9 @@ struct TestServer {
   ~TestServer() { communicator->Destroy(); }
   TestServer(const TestServer&) = delete;
   TestServer& operator=(const TestServer&) = delete;
-
   std::string ProxyString(uint32_t timeoutMs = 2000) const {
     return name + ":" + protocol + " -h 127.0.0.1 -p " + std::to_string(port) + " -t " + std::to_string(timeoutMs);
   }
-
   SmartPtr<Communicator> communicator = Initialize();
   SmartPtr<ObjectAdapter> adapter;
   std::string name, protocol;
@@ -277,6 +274,16 @@ class RawClient {
   platform::Socket m_socket;
 };
 
+// A field of /proc/<process>/status ("self" for this process), -1 when it cannot be read.
+inline int64_t ProcStatus(const std::string& process, const std::string& field) {
+  std::ifstream status("/proc/" + process + "/status");
+  std::string word;
+  int64_t value = -1;
+  while (status >> word && word != field + ":") {
+  }
+  return status >> value, value;
+}
+
 // Polls `done` until it holds; false when it still does not after `timeoutMs`.
 template <class Predicate>
 bool Eventually(Predicate done, uint32_t timeoutMs = 3000) {
@@ -314,7 +321,6 @@ class Disconnects {
 class LogLines {
  public:
   LogLines() : m_skip(Read().size()) {}
-
   // Whether a new line equals `message`, waiting a little for serving threads to write it.
   bool Has(const std::u16string& message, uint32_t timeoutMs = 3000) const {
     return Eventually(
@@ -345,7 +351,6 @@ class LogLines {
     }
     return lines;
   }
-
   size_t m_skip;
 };
 

@@ -59,7 +59,6 @@ class Sink : public EndStreamBuf {
   }
   int32_t sgetn(void*, int32_t) override { return 0; }
   void clear() override { ++clears; }
-
   Bytes bytes;
   std::vector<int32_t> calls;
   int32_t accept = -1;
@@ -81,7 +80,6 @@ class Source : public EndStreamBuf {
     offset += n;
     return static_cast<int32_t>(n);
   }
-
   Bytes bytes;
   int32_t chunk, result = 0;
   size_t offset = 0;
@@ -209,7 +207,7 @@ TEST(BasicStreamBlob, InlineBlobsInSequencesReuseTheirTargets) {
   EXPECT_EQ(std::memcmp(reused->Data(), content.data(), 300), 0);
 }
 
-TEST(BasicStreamBlob, LargeBlobsTravelInPiecesThroughFiles) {
+TEST(BasicStreamBlob, LargeBlobsTravelInPiecesThroughFilesAndOversizedOnesAreRefused) {
   // A file blob of 3 MiB + 1 goes out in pieces and comes back as a new file blob, never asked for more than a file
   // piece at a time.
   const uint32_t size = (3u << 20) + 1;
@@ -227,9 +225,7 @@ TEST(BasicStreamBlob, LargeBlobsTravelInPiecesThroughFiles) {
   ASSERT_EQ(target->Read(back.data(), static_cast<int32_t>(size), 0), static_cast<int32_t>(size));
   EXPECT_EQ(back, content);
   EXPECT_LE(*std::max_element(d.source->asked.begin(), d.source->asked.end()), BasicStream::kFileBlobPiece);
-}
-
-TEST(BasicStreamBlob, OversizedBlobIsRefusedAndNothingWritten) {
+  // An oversized blob is refused and nothing of it written.
   SmartPtr<ITavixBlob> huge = CreateTavixFileBlob();
   ASSERT_EQ(huge->Resize(0x7FFFFFFF), 0x7FFFFFFFull);  // sparse file
   BasicStream s;
@@ -393,7 +389,6 @@ class FakeTransceiver : public TcpTransceiver {
   int32_t SendPair(const void* first, int32_t firstLength, const void* second, int32_t secondLength) override {
     return ITransceiver::SendPair(first, firstLength, second, secondLength);
   }
-
   Bytes sent, incoming;
   std::vector<int32_t> sends;
   size_t readAt = 0;
@@ -555,7 +550,6 @@ class BlobTest : public ::testing::Test {
     fs::remove_all(m_dir);
     EXPECT_EQ(OurTemporaryFiles(), m_before) << "temporary file left behind";
   }
-
   const fs::path m_dir = fs::temp_directory_path() / ("tavix_blob_" + Pid());
 
  private:

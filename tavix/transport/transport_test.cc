@@ -334,7 +334,7 @@ TEST(PassportConflictTest, SameListeningResourceConflicts) {
   EXPECT_FALSE(other->Conflict(*Made(u"tcp -h #any -p 10")));
 }
 
-TEST(PassportFactoryTest, MakesPassportsByProtocolWord) {
+TEST(PassportFactoryTest, MakesPassportsByProtocolWordAndRefusedEndpointsLeaveHoldersAlone) {
   PassportFactory factory;
   SmartPtr<IPassport> passport = factory.Create(std::u16string(u"tcp -h 10.0.0.1 -p 5678 -t 3000"));
   ASSERT_TRUE(passport);
@@ -348,9 +348,7 @@ TEST(PassportFactoryTest, MakesPassportsByProtocolWord) {
   for (const auto& [text, error] : refused) {
     EXPECT_EQ(error, Refused([&] { return factory.Create(std::string(text)); })) << text;
   }
-}
-
-TEST(TcpPassportTest, RefusedEndpointsLeaveHoldersAlone) {
+  // Endpoints that cannot be opened leave the holders alone.
   SmartPtr<ITransceiver> server = MakeShared<TcpTransceiver>(), client;
   ITransceiver* before = server.get();
   EXPECT_EQ((Outcome{-2, Err::NeedAcceptor}),
@@ -359,8 +357,8 @@ TEST(TcpPassportTest, RefusedEndpointsLeaveHoldersAlone) {
   // Listening only on this machine's own addresses.
   for (const char16_t* host : {u"0.0.0.0", u"192.0.2.1"}) {
     SmartPtr<IAcceptor> holder;
-    const SmartPtr<TcpPassport> passport = Made(u"tcp -h " + std::u16string(host) + u" -p 5678");
-    EXPECT_EQ((Outcome{-2, Err::CannotCreateAcceptor}), OutcomeOf([&] { return passport->CreateAcceptor(holder); }));
+    const SmartPtr<TcpPassport> foreign = Made(u"tcp -h " + std::u16string(host) + u" -p 5678");
+    EXPECT_EQ((Outcome{-2, Err::CannotCreateAcceptor}), OutcomeOf([&] { return foreign->CreateAcceptor(holder); }));
     EXPECT_FALSE(holder);
   }
   const SmartPtr<TcpPassport> unknown = Made(u"tcp -h no-such-host.invalid -p 1");

@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <memory>
@@ -31,29 +31,18 @@ class Server {
  public:
   explicit Server(const std::string& options, int32_t fileLimit = 0) : port(FreePort()) {
     std::filesystem::copy_file(TAVIX_TOOL_PATH, m_dir / "tavix");
-    int out[2];
-    EXPECT_EQ(0, pipe(out));
-    const std::string command = (fileLimit > 0 ? "ulimit -n " + std::to_string(fileLimit) + "; " : "") + "exec " +
-                                (m_dir / "tavix").string() + " serve --endpoint 'tcp -h #any -p " +
-                                std::to_string(port) + "' " + options;
-    m_pid = fork();
-    if (m_pid == 0) {
-      dup2(out[1], 1);
-      dup2(out[1], 2);
-      execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    close(out[1]);
-    m_output = fdopen(out[0], "r");
+    const std::string limit = fileLimit > 0 ? "ulimit -n " + std::to_string(fileLimit) + "; " : "";
+    m_output = popen(("echo $$; " + limit + "exec " + (m_dir / "tavix").string() + " serve --endpoint 'tcp -h #any -p " +
+                      std::to_string(port) + "' " + options + " 2>&1").c_str(), "r");
     char line[512];
+    m_pid = std::fgets(line, sizeof line, m_output) != nullptr ? std::atoi(line) : 0;  // the shell's, then the tool's
     EXPECT_NE(nullptr, std::fgets(line, sizeof line, m_output)) << "the server printed its proxy string";
   }
   ~Server() {
     if (m_pid > 0) kill(m_pid, SIGKILL), waitpid(m_pid, nullptr, 0);
-    if (m_output != nullptr) fclose(m_output);
+    pclose(m_output);
     std::filesystem::remove_all(m_dir);
   }
-
   bool Logged(const std::string& text) const {
     return test_report::Text(m_dir / "tavix_tavix.log").find(text) != std::string::npos;
   }
@@ -66,15 +55,7 @@ class Server {
     }
     return -1;
   }
-  int64_t Status(const std::string& field) const {
-    std::ifstream status("/proc/" + std::to_string(m_pid) + "/status");
-    std::string word;
-    int64_t value = -1;
-    while (status >> word && word != field + ":") {
-    }
-    status >> value;
-    return value;
-  }
+  int64_t Status(const std::string& field) const { return ProcStatus(std::to_string(m_pid), field); }
   int64_t Descriptors() const {
     const std::filesystem::path fds("/proc/" + std::to_string(m_pid) + "/fd");
     return std::distance(std::filesystem::directory_iterator(fds), std::filesystem::directory_iterator());
@@ -85,9 +66,7 @@ class Server {
     return client.Connect(port) && client.Receive(HEADER_SIZE) == Header(MSG_VALIDATE, 20) &&
            client.Send(Request(1, u"Echo", u"ObjectPing")) && ParseReply(client.ReceiveMessage()).requestId == 1;
   }
-
   pid_t Pid() const { return m_pid; }
-
   const uint16_t port;
 
  private:
