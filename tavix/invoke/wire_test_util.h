@@ -1,5 +1,5 @@
-// Test helpers shared by the transport, adapter, client, runtime and tool tests: byte builders for messages, loopback
-// sockets, a served adapter on a free port, raw TCP and UDP peers and a reader of this process's trace log.
+// Test helpers shared by the transport, adapter, client, runtime, tool and load tests: byte builders for messages,
+// loopback sockets, a served adapter on a free port, raw TCP and UDP peers, /proc status and this process's trace log.
 #ifndef TAVIX_INVOKE_WIRE_TEST_UTIL_H_
 #define TAVIX_INVOKE_WIRE_TEST_UTIL_H_
 

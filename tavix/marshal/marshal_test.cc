@@ -314,7 +314,7 @@ TEST(MessageHeaderTest, EncodesKnownVectorsDecodesAndChecks) {
 }
 
 // A request as a sender writes it: its size first, then header and head through a memory buffer limited to that size.
-// Whole messages are checked byte for byte by the request and proxy tests; here the head's lengths, limits and reading
+// Whole messages are checked byte for byte by the server and proxy tests; here the head's lengths, limits and reading
 // back.
 TEST(RequestMessage, LongNamesLengthsAndLimits) {
   const RequestHead head{5, std::u16string(255, u'n'), u"Op"};
