@@ -15,8 +15,7 @@ inline std::string Bytes(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// The file's UTF-16LE text after its byte-order mark, as UTF-8; "" when
-// the file is missing or has no mark.
+// The file's UTF-16LE text after its byte-order mark, as UTF-8; "" when the file is missing or has no mark.
 inline std::string Text(const std::string& path) {
   const std::string bytes = Bytes(path);
   if (bytes.size() < 2 || bytes.compare(0, 2, "\xFF\xFE") != 0) return {};

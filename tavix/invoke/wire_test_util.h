@@ -1,5 +1,5 @@
-// Test helpers shared by the transport, invocation, adapter, client and tool tests: byte builders for messages,
-// loopback sockets, a served adapter on a free port, raw TCP and UDP peers and a reader of this process's trace log.
+// Test helpers shared by the transport, adapter, client, runtime, tool and load tests: byte builders for messages,
+// loopback sockets, a served adapter on a free port, raw TCP and UDP peers, /proc status and this process's trace log.
 #ifndef TAVIX_INVOKE_WIRE_TEST_UTIL_H_
 #define TAVIX_INVOKE_WIRE_TEST_UTIL_H_
 
@@ -18,7 +18,6 @@
 #include <vector>
 
 #include "tavix/adapter/object_adapter.h"
-#include "tavix/core/errors.h"
 #include "tavix/core/format.h"
 #include "tavix/core/inet_addr.h"
 #include "tavix/core/text.h"
@@ -61,7 +60,6 @@ class Writer {
 };
 
 inline Bytes WStr(const std::u16string& s) { return Writer().wstr(s).get(); }
-
 inline Bytes Header(uint8_t type, int32_t size) {
   MsgHeaderData header;
   header.Init(type);
@@ -94,7 +92,6 @@ inline Bytes BlobBytes(const SmartPtr<ITavixBlob>& blob) {
   const auto* data = static_cast<const uint8_t*>(blob->Data());
   return Bytes(data, data + blob->Size());
 }
-
 inline int32_t ReadI32(const Bytes& b, size_t at) {
   int32_t v = 0;
   std::memcpy(&v, b.data() + at, 4);
@@ -132,6 +129,7 @@ inline InetAddr Loopback(uint16_t port) {
   address.Set("127.0.0.1", port);
   return address;
 }
+inline uint64_t MsSince(uint64_t start) { return platform::TickCountMs() - start; }
 
 // An open acceptor on 127.0.0.1 and a port of the system's choice.
 inline SmartPtr<TcpAcceptor> LoopbackAcceptor() {
@@ -159,8 +157,6 @@ inline TcpPair ConnectedPair() {
   return {SmartPtr<TcpTransceiver>::DynamicCast(client), SmartPtr<TcpTransceiver>::DynamicCast(server)};
 }
 
-inline uint64_t MsSince(uint64_t start) { return platform::TickCountMs() - start; }
-
 // A plain datagram socket on 127.0.0.1.
 class RawUdp {
  public:
@@ -187,7 +183,6 @@ class RawUdp {
     if (from != nullptr) *from = sender.Port();
     return bytes;
   }
-
   uint16_t port = 0;
 
  private:
@@ -218,11 +213,9 @@ struct TestServer {
   ~TestServer() { communicator->Destroy(); }
   TestServer(const TestServer&) = delete;
   TestServer& operator=(const TestServer&) = delete;
-
   std::string ProxyString(uint32_t timeoutMs = 2000) const {
     return name + ":" + protocol + " -h 127.0.0.1 -p " + std::to_string(port) + " -t " + std::to_string(timeoutMs);
   }
-
   SmartPtr<Communicator> communicator = Initialize();
   SmartPtr<ObjectAdapter> adapter;
   std::string name, protocol;
@@ -281,6 +274,16 @@ class RawClient {
   platform::Socket m_socket;
 };
 
+// A field of /proc/<process>/status ("self" for this process), -1 when it cannot be read.
+inline int64_t ProcStatus(const std::string& process, const std::string& field) {
+  std::ifstream status("/proc/" + process + "/status");
+  std::string word;
+  int64_t value = -1;
+  while (status >> word && word != field + ":") {
+  }
+  return status >> value, value;
+}
+
 // Polls `done` until it holds; false when it still does not after `timeoutMs`.
 template <class Predicate>
 bool Eventually(Predicate done, uint32_t timeoutMs = 3000) {
@@ -318,7 +321,6 @@ class Disconnects {
 class LogLines {
  public:
   LogLines() : m_skip(Read().size()) {}
-
   // Whether a new line equals `message`, waiting a little for serving threads to write it.
   bool Has(const std::u16string& message, uint32_t timeoutMs = 3000) const {
     return Eventually(
@@ -349,7 +351,6 @@ class LogLines {
     }
     return lines;
   }
-
   size_t m_skip;
 };
 

@@ -2,13 +2,7 @@
 // connections and listeners at shutdown is covered end to end by the proxy and server tests.
 #include "tavix/runtime/communicator.h"
 
-#include <gtest/gtest.h>
-
-#include <thread>
-
 #include "tavix/invoke/wire_test_util.h"
-#include "tavix/platform/clock.h"
-#include "tavix/platform/process.h"
 
 namespace TAVIX {
 
@@ -32,7 +26,6 @@ TEST(Communicator, AdaptersByExactNameUntilShutdownIsWaitedFor) {
   EXPECT_EQ(Err::AdapterNameExists, Refused([&] { return first->CreateObjectAdapter(std::string("b")); }));
   EXPECT_EQ(ADAPTER_INACTIVE, b->GetStatus()) << "the existing adapter is untouched";
   EXPECT_TRUE(second->CreateObjectAdapter(std::u16string(u"b"))) << "communicators are independent";
-
   // Shutdown happens once, refuses new adapters, and keeps the adapters until it is waited for.
   b->Activate();
   first->Shutdown();
@@ -44,9 +37,7 @@ TEST(Communicator, AdaptersByExactNameUntilShutdownIsWaitedFor) {
   EXPECT_EQ(2, b->RefCount());
   first->WaitForShutdown();
   EXPECT_EQ(1, b->RefCount()) << "the communicator released its adapters";
-
-  // Shutdown alone, then the last reference: an adapter whose listening
-  // factory holds it is still released.
+  // Shutdown alone, then the last reference: an adapter whose listening factory holds it is still released.
   SmartPtr<ObjectAdapter> d = second->CreateObjectAdapter(std::string("d"));
   d->Activate();
   ASSERT_NE(0, test_wire::Listen(*d));
@@ -59,13 +50,11 @@ TEST(Communicator, WaitForShutdownWaitsForCallsInWholeSteps) {
   SmartPtr<Communicator> communicator = Initialize();
   Probe::EndCall(*communicator);  // the count never goes below 0
   Probe::BeginCall(*communicator);
-
   // Destroy after Shutdown returns at once, whatever is running.
   communicator->Shutdown();
   const uint64_t before = platform::TickCountMs();
   communicator->Destroy();
   EXPECT_LT(platform::TickCountMs() - before, 500u);
-
   std::thread caller([&] {
     platform::SleepMs(100);
     Probe::EndCall(*communicator);

@@ -1,6 +1,6 @@
-// `tavix serve` as a process: the proxy strings it prints, that it answers,
-// that it ends cleanly on SIGTERM and SIGINT, how it reports a bad
-// endpoint or command line, and how it survives faults of its servant.
+// The tool as a process. `tavix serve`: the proxy strings it prints, that it answers, that it ends cleanly on SIGTERM
+// and SIGINT, how it reports a bad endpoint or command line, and how it survives faults of its servant. `tavix ping`
+// and `tavix call` against an Echo servant served by this test: what they print, and their exit statuses.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -8,13 +8,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <string>
-#include <vector>
 
 #include "tavix/core/host_info.h"
 #include "tavix/diag/report_test_util.h"
 #include "tavix/invoke/wire_test_util.h"
 #include "tools/echo_proxy.h"
+#include "tools/echo_servant.h"
 
 namespace TAVIX {
 namespace {
@@ -33,7 +32,6 @@ class ToolProcess {
     Signal(SIGKILL);
     Wait();
   }
-
   std::string Line() {
     char buffer[512];
     if (std::fgets(buffer, sizeof buffer, m_pipe) == nullptr) return {};
@@ -42,11 +40,12 @@ class ToolProcess {
     return line;
   }
   void Signal(int signal) { kill(m_pid, signal); }
-  // The exit status, or -1 when the process did not exit normally. What
-  // is left of its output is read first: it must not die writing it.
-  int Wait() {
+  // The exit status, or -1 when the process did not exit normally. What is left of its output is read first (into
+  // `rest` when given): it must not die writing it.
+  int Wait(std::string* rest = nullptr) {
     char buffer[512];
     while (std::fgets(buffer, sizeof buffer, m_pipe) != nullptr) {
+      if (rest != nullptr) *rest += buffer;
     }
     const int status = pclose(m_pipe);
     m_pipe = nullptr;
@@ -57,6 +56,18 @@ class ToolProcess {
   FILE* m_pipe;
   pid_t m_pid;
 };
+
+struct ToolRun {
+  bool Has(const std::string& text) const { return output.find(text) != std::string::npos; }
+  int status = -1;
+  std::string output;  // standard output and error together
+};
+
+ToolRun Tool(const std::string& arguments) {
+  ToolRun run;
+  run.status = ToolProcess(arguments).Wait(&run.output);
+  return run;
+}
 
 std::string Endpoint(uint16_t port) { return "--endpoint 'tcp -h #any -p " + std::to_string(port) + "'"; }
 
@@ -75,16 +86,15 @@ TEST(TavixServe, PrintsProxiesServesEchoAndStopsOnSignals) {
     const std::string name = signal == SIGTERM ? "Box" : "Echo";
     std::vector<uint16_t> ports{FreePort()};
     std::string args = "serve " + Endpoint(ports[0]);
-    // A UDP endpoint beside them (UDP ports are free when TCP ones are, as
-    // far as this test's luck goes: a clash only fails the start).
+    // A UDP endpoint beside them (UDP ports are free when TCP ones are, as far as this test's luck goes: a clash only
+    // fails the start).
     const uint16_t udp = FreePort();
     if (signal == SIGTERM) {
       ports.push_back(FreePort());
       args += " " + Endpoint(ports[1]) + " --name Box --endpoint 'udp -h #any -p " + std::to_string(udp) + "'";
     }
     ToolProcess tool(args);
-    std::vector<std::string> expected;
-    std::vector<std::string> lines;
+    std::vector<std::string> expected, lines;
     for (const uint16_t port : ports) {
       expected.push_back(name + ":tcp -h " + host + " -p " + std::to_string(port) + " -t 0");
       lines.push_back(tool.Line());
@@ -104,36 +114,11 @@ TEST(TavixServe, PrintsProxiesServesEchoAndStopsOnSignals) {
   }
 }
 
-TEST(TavixServe, BadEndpointsAndCommandLines) {
-  ToolProcess bad("serve --endpoint 'tcp -h #any'");
-  EXPECT_NE(std::string::npos, bad.Line().find("0x20000003 Error passport string."));
-  EXPECT_EQ(1, bad.Wait());
-
-  const uint16_t port = FreePort();
-  ToolProcess holder("serve " + Endpoint(port));
-  ASSERT_FALSE(holder.Line().empty());
-  ToolProcess taken("serve " + Endpoint(port));
-  const std::string error = taken.Line();
-  EXPECT_NE(std::string::npos, error.find("0x00000062")) << error;  // EADDRINUSE
-  EXPECT_EQ(1, taken.Wait());
-  holder.Signal(SIGTERM);
-  EXPECT_EQ(0, holder.Wait());
-
-  EXPECT_EQ(2, ToolProcess("frobnicate").Wait());
-  EXPECT_EQ(2, ToolProcess("serve --endpoint").Wait());
-}
-
-struct FaultCase {
-  int32_t kind;
-  std::vector<std::string> expected;  // in report order
-};
-
 TEST(TavixServe, ServantFaultEndsOnlyItsConnectionAndLeavesAReport) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "needs the library's own fault handlers, which the sanitizers replace";
 #endif
-  // A copy of the tool of its own, so that its report and log are this
-  // test's alone.
+  // A copy of the tool of its own, so that its report and log are this test's alone.
   const std::filesystem::path dir =
       std::filesystem::temp_directory_path() / ("tavix_faults_" + std::to_string(getpid()));
   std::filesystem::create_directories(dir);
@@ -141,20 +126,19 @@ TEST(TavixServe, ServantFaultEndsOnlyItsConnectionAndLeavesAReport) {
   const uint16_t port = FreePort();
   ToolProcess tool("serve --allow-faults " + Endpoint(port), (dir / "tavix").string());
   ASSERT_FALSE(tool.Line().empty());
-
   const std::string object = "Echo:tcp -h 127.0.0.1 -p " + std::to_string(port) + " -t 30000";
-  const std::vector<FaultCase> cases{
+  // Each fault's kind, and what its report shows in order.
+  const std::pair<int32_t, std::vector<std::string>> cases[] = {
       {1, {"C0000005 ACCESS_VIOLATION", "WriteThroughNull(int)+", "Local 'written' int32_t = 7\r\n"}},
       {2, {"C0000094 INT_DIVIDE_BY_ZERO", "DivideByZero(int)+", "Parameter 'dividend' int32_t = 2\r\n"}},
       {3, {"C00000FD STACK_OVERFLOW", "Recurse(int)+", "Parameter 'depth' int32_t = "}},
   };
-  for (const FaultCase& fault : cases) {
-    EXPECT_EQ(Err::ConnectionClosed, CreateProxy<EchoPrx>(Initialize(), object)->Fault(fault.kind));
+  for (const auto& [kind, expected] : cases) {
+    EXPECT_EQ(Err::ConnectionClosed, CreateProxy<EchoPrx>(Initialize(), object)->Fault(kind));
     ExpectEcho(port, "Echo");
   }
   tool.Signal(SIGTERM);
   EXPECT_EQ(0, tool.Wait());
-
   const std::string log = test_report::Text((dir / "tavix_tavix.log").string());
   const std::string line = "ERROR: Win32 SE catched.\r\n";
   int32_t caught = 0;
@@ -162,20 +146,73 @@ TEST(TavixServe, ServantFaultEndsOnlyItsConnectionAndLeavesAReport) {
   EXPECT_EQ(3, caught) << log;
   const std::string report = test_report::Text((dir / "tavix.RPT").string());
   size_t start = 0;
-  for (const FaultCase& fault : cases) {
+  for (const auto& [kind, expected] : cases) {
     const size_t end = report.find("Exception report created by", start + 1);
     const std::string one = report.substr(start, end - start);
     std::string missing;
     EXPECT_TRUE(test_report::InOrder(
         one, {"Exception report created by tavix 0. 1. 0. 0 [", "System details:\r\n", "Linux", "Vendor: ",
-              "Memory Used ", "Exception code: " + fault.expected[0] + "\r\n", "Fault address:  ", "/tavix\r\n",
-              "RAX:", "RIP:", "Call stack:", fault.expected[1], "echo_faults.cc line ",
-              "Local Variables And Parameters:", fault.expected[1], fault.expected[2]},
+              "Memory Used ", "Exception code: " + expected[0] + "\r\n", "Fault address:  ", "/tavix\r\n",
+              "RAX:", "RIP:", "Call stack:", expected[1], "echo_faults.cc line ",
+              "Local Variables And Parameters:", expected[1], expected[2]},
         &missing))
-        << "kind " << fault.kind << " lacks " << missing << " in\n" << one;
+        << "kind " << kind << " lacks " << missing << " in\n" << one;
     start = end;
   }
   std::filesystem::remove_all(dir);
+}
+
+class ClientCommandsTest : public ::testing::Test {
+ protected:
+  std::string Proxy(const std::string& object = "Echo") const {
+    return "'" + object + ":tcp -h 127.0.0.1 -p " + std::to_string(m_server.port) + " -t 3000'";
+  }
+  TestServer m_server{MakeShared<EchoServant>(), 0, "Echo"};
+};
+
+TEST_F(ClientCommandsTest, PingPrintsOneLinePerCallAndCallAnswers) {
+  // "Echo" and "ObjectPing": 20 + 4 + 9 + 21 bytes.
+  ToolRun run = Tool("ping " + Proxy() + " --count 3");
+  EXPECT_EQ(0, run.status) << run.output;
+  for (const char* text : {"ping 1: ", "ping 2: ", "ping 3: ", " ms  request 54 bytes  reply 36 bytes  server "}) {
+    EXPECT_TRUE(run.Has(text)) << run.output;
+  }
+  EXPECT_EQ(3, std::count(run.output.begin(), run.output.end(), '\n'));
+  run = Tool("ping " + Proxy() + " --oneway");
+  EXPECT_EQ(0, run.status) << run.output;
+  EXPECT_TRUE(run.Has("request 54 bytes  reply 0 bytes")) << run.output;
+  const std::pair<std::string, const char*> calls[] = {
+      {"echo 'hello there'", "hello there\n"}, {"isa ::TAVIX::Echo", "true\n"}, {"isa ::TAVIX::Printer", "false\n"}};
+  for (const auto& [arguments, output] : calls) {
+    run = Tool("call " + Proxy() + " " + arguments);
+    EXPECT_EQ(0, run.status) << arguments;
+    EXPECT_EQ(output, run.output);
+  }
+}
+
+// Failures of the client commands and of `tavix serve`'s start.
+TEST_F(ClientCommandsTest, FailuresPrintTheirCodeAndExitOneOrTwo) {
+  const std::string closed = std::to_string(FreePort());
+  const std::tuple<std::string, int, const char*> cases[] = {
+      {"call " + Proxy("Nobody") + " echo x", 1, "0x2000000C Object not find."},
+      {"ping 'Echo:tcp -h 127.0.0.1 -p " + closed + "'", 1, "ping 1 failed: 0x0000006F"},  // ECONNREFUSED
+      // Broadcasts carry one-way calls only; nothing is sent for a two-way one.
+      {"ping 'Echo:udp -h #any -p " + closed + "'", 1,
+       "0x20000019 Broadcast transfers can be only used with oneway mode."},
+      {"ping 'no-colon'", 1, "0x2000000A"},
+      {"ping", 2, ""},
+      {"ping " + Proxy() + " --count 0", 2, ""},
+      {"call " + Proxy() + " shout x", 2, ""},
+      {"serve --endpoint 'tcp -h #any'", 1, "0x20000003 Error passport string."},
+      {"serve " + Endpoint(m_server.port), 1, "0x00000062"},  // EADDRINUSE: this test's server has the port
+      {"serve --endpoint", 2, ""},
+      {"frobnicate", 2, ""},
+  };
+  for (const auto& [arguments, status, text] : cases) {
+    const ToolRun run = Tool(arguments);
+    EXPECT_EQ(status, run.status) << arguments;
+    EXPECT_TRUE(run.Has(text)) << run.output;
+  }
 }
 
 }  // namespace

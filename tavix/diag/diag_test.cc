@@ -1,5 +1,6 @@
-// The report file's rules, the exception codes, and faults that end a
-// process: each such case runs in a forked child, whose end is checked.
+// The exception report: the report file's rules, the exception codes, faults that end a process (each such case runs
+// in a forked child, whose end is checked), and the type walk over real debug information. This file is built
+// without optimisation, so the locals the walk reads stay in memory.
 #include "tavix/diag/exception_report.h"
 
 #include <gtest/gtest.h>
@@ -25,9 +26,7 @@ extern "C" const char tavix_file_version[] = "1, 0, 0, 2";
 namespace TAVIX {
 namespace {
 
-using test_report::Bytes;
-using test_report::InOrder;
-using test_report::Text;
+using namespace test_report;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 // The sanitizers own the fault signals: a real fault is theirs to report.
@@ -38,17 +37,9 @@ constexpr bool kRealFaults = true;
 
 class ReportFileTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    m_dir = std::filesystem::temp_directory_path() /
-            ("tavix_diag_" + std::to_string(getpid()) + "_" +
-             ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    std::filesystem::create_directories(m_dir);
-    m_path = (m_dir / "app.RPT").string();
-  }
+  void SetUp() override { std::filesystem::create_directories(m_dir); }
   void TearDown() override { std::filesystem::remove_all(m_dir); }
-
-  // Runs `body` in a child process with no core dumps; returns the signal
-  // that ended the child, 0 when it exited.
+  // Runs `body` in a child process with no core dumps; returns the signal that ended the child, 0 when it exited.
   int SignalOfChild(const std::function<void()>& body) {
     const pid_t child = fork();
     if (child == 0) {
@@ -62,18 +53,19 @@ class ReportFileTest : public ::testing::Test {
     waitpid(child, &status, 0);
     return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
   }
-
-  std::filesystem::path m_dir;
-  std::string m_path;
+  const std::filesystem::path m_dir = std::filesystem::temp_directory_path() /
+                                      ("tavix_diag_" + std::to_string(getpid()) + "_" +
+                                       ::testing::UnitTest::GetInstance()->current_test_info()->name());
+  std::string m_path = (m_dir / "app.RPT").string();
 };
 
-TEST_F(ReportFileTest, NewFileGetsOneMarkAndReportsFollowEachOther) {
+// A new file gets one byte-order mark, reports follow each other, and a file above 16 MiB is replaced.
+TEST_F(ReportFileTest, NewFileGetsOneMarkReportsFollowAndLargeFilesAreReplaced) {
   { std::ofstream empty(m_path); }
   ExceptionReport::WriteCurrent(m_path, false);
   const std::string first = Bytes(m_path);
   ExceptionReport::WriteCurrent(m_path, false);
   const std::string both = Bytes(m_path);
-
   ASSERT_EQ("\xFF\xFE", first.substr(0, 2));
   EXPECT_EQ(first, both.substr(0, first.size()));
   EXPECT_EQ(std::string::npos, both.find("\xFF\xFE", 2));
@@ -84,24 +76,14 @@ TEST_F(ReportFileTest, NewFileGetsOneMarkAndReportsFollowEachOther) {
                              "Exception code: E0000000 \r\n", "Fault address:  ", "Registers:\r\n", "RIP:",
                              "Call stack:\r\n", "WriteCurrent"}));
   EXPECT_EQ(std::string::npos, text.find("Local Variables And Parameters"));
-}
-
-TEST_F(ReportFileTest, FileAbove16MiBIsReplaced) {
-  std::filesystem::resize_file((std::ofstream(m_path), m_path), 0x1000001);
+  // A file above 16 MiB is replaced.
+  std::filesystem::resize_file(m_path, 0x1000001);
   ExceptionReport::WriteCurrent(m_path, false);
-  const std::string bytes = Bytes(m_path);
-  EXPECT_LT(bytes.size(), 0x100000u);
+  EXPECT_LT(Bytes(m_path).size(), 0x100000u);
   EXPECT_EQ(0u, Text(m_path).find("Exception report created by"));
 }
 
-TEST_F(ReportFileTest, PathReplacesALongEnoughExtensionOtherwiseAppends) {
-  EXPECT_EQ("/srv/server.RPT", ExceptionReport::PathFor("/srv/server.exe"));
-  EXPECT_EQ("/srv/my.RPT", ExceptionReport::PathFor("/srv/my.app/server"));
-  EXPECT_EQ("/srv/server.ab.RPT", ExceptionReport::PathFor("/srv/server.ab"));
-  EXPECT_EQ("/srv/server.RPT", ExceptionReport::PathFor("/srv/server"));
-}
-
-TEST(ExceptionCodes, SignalsMapToTheNamedCodes) {
+TEST(ExceptionReportNames, SignalsMapToTheNamedCodesAndPathsFollowThePrograms) {
   EXPECT_EQ(0xC0000005u, ExceptionCodeOf(SIGSEGV, SEGV_MAPERR, 0, 0x7FFF0000));
   EXPECT_EQ(0xC00000FDu, ExceptionCodeOf(SIGSEGV, SEGV_ACCERR, 0x7FFEFFF8, 0x7FFF0000));
   EXPECT_EQ(0xC0000094u, ExceptionCodeOf(SIGFPE, FPE_INTDIV, 0, 0));
@@ -113,6 +95,11 @@ TEST(ExceptionCodes, SignalsMapToTheNamedCodes) {
   EXPECT_EQ("STACK_OVERFLOW", ExceptionName(0xC00000FD));
   EXPECT_EQ(0xE0000006u, ExceptionCodeOf(SIGABRT, SI_TKILL, 0, 0));
   EXPECT_EQ("Aborted", ExceptionName(0xE0000006));
+  // A report's path replaces a long enough extension of the program's, and is appended otherwise.
+  EXPECT_EQ("/srv/server.RPT", ExceptionReport::PathFor("/srv/server.exe"));
+  EXPECT_EQ("/srv/my.RPT", ExceptionReport::PathFor("/srv/my.app/server"));
+  EXPECT_EQ("/srv/server.ab.RPT", ExceptionReport::PathFor("/srv/server.ab"));
+  EXPECT_EQ("/srv/server.RPT", ExceptionReport::PathFor("/srv/server"));
 }
 
 [[gnu::noinline]] void WriteThroughNull() {
@@ -155,7 +142,6 @@ TEST_F(ReportFileTest, RecoveryPointTakesBackOnlyInstructionFaultsOfItsBody) {
   EXPECT_EQ(SIGFPE, fault->signal);
   EXPECT_EQ(FPE_INTDIV, fault->code);
   EXPECT_NE(std::string::npos, Text(m_path).find("Exception code: C0000094 INT_DIVIDE_BY_ZERO\r\n"));
-
   // An exception of the body passes through, and takes the point with it:
   // a later fault is fatal, not a jump into a frame that has gone.
   auto fail = [] { throw std::runtime_error("servant"); };
@@ -175,6 +161,57 @@ TEST_F(ReportFileTest, RecoveryPointTakesBackOnlyInstructionFaultsOfItsBody) {
                 ExceptionReport::RunRecoverable(send, ignored);
               }));
   }
+}
+
+struct Level9 { int32_t value9 = 9; };
+struct Level8 { Level9 inner; int32_t value8 = 8; };
+struct Level7 { Level8 inner; int32_t value7 = 7; };
+struct Level6 { Level7 inner; int32_t value6 = 6; };
+struct Level5 { Level6 inner; int32_t value5 = 5; };
+struct Level4 { Level5 inner; int32_t value4 = 4; };
+struct Level3 { Level4 inner; int32_t value3 = 3; };
+struct Level2 { Level3 inner; int32_t value2 = 2; };
+struct Level1 { Level2 inner; int32_t value1 = 1; };
+
+// The entries of this function's frame in a report of it.
+[[gnu::noinline]] std::string ReportOfTheseLocals(const std::string& path) {
+  Level1 nested;
+  int32_t numbers[20];
+  for (int32_t i = 0; i < 20; ++i) numbers[i] = i * 10;
+  std::string digits;
+  for (int i = 0; i < 10; ++i) digits += "0123456789";
+  const char* text = digits.c_str();
+  const int32_t* unreadable = reinterpret_cast<const int32_t*>(16);
+  ExceptionReport::WriteCurrent(path, true);
+  const std::string report = Text(path);
+  const size_t variables = report.find("Local Variables And Parameters:");
+  const size_t frame = report.find("ReportOfTheseLocals", variables);
+  const size_t next = report.find("\r\n\r\n0000", frame);
+  (void)nested, (void)numbers, (void)text, (void)unreadable;
+  return frame == std::string::npos ? std::string() : report.substr(frame, next - frame);
+}
+
+TEST(TypeWalk, StopsAtItsLimitsAndNamesUnreadableMemory) {
+  const std::string path = std::filesystem::temp_directory_path() / ("tavix_walk_" + std::to_string(getpid()) + ".RPT");
+  const std::string frame = ReportOfTheseLocals(path);
+  std::filesystem::remove(path);
+  ASSERT_FALSE(frame.empty());
+  // Nine levels: the eighth level's members are the last shown.
+  EXPECT_NE(std::string::npos, frame.find("Local 'nested' Level1\r\n")) << frame;
+  EXPECT_NE(std::string::npos, frame.find(std::string(32, ' ') + " value8 int32_t = 8\r\n")) << frame;
+  EXPECT_NE(std::string::npos, frame.find(" inner Level9\r\n")) << frame;
+  EXPECT_EQ(std::string::npos, frame.find("value9")) << frame;
+  // Twenty elements: sixteen shown.
+  EXPECT_NE(std::string::npos, frame.find("[15] int32_t = 150\r\n")) << frame;
+  EXPECT_EQ(std::string::npos, frame.find("[16]")) << frame;
+  // A hundred characters: the first 63.
+  std::string shown;
+  for (int i = 0; i < 7; ++i) shown += "0123456789";
+  shown.resize(63);
+  EXPECT_NE(std::string::npos, frame.find("Local 'text'\t(*[")) << frame;
+  EXPECT_NE(std::string::npos, frame.find("\t= \"" + shown + "\"\r\n")) << frame;
+  // A pointer into nothing.
+  EXPECT_NE(std::string::npos, frame.find(" int32_t(E_ADDR:0000000000000010)\n")) << frame;
 }
 
 }  // namespace
