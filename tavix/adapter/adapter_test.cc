@@ -134,6 +134,20 @@ TEST_F(ServerTest, ErrorRepliesEchoTheIdAndCarryNoResults) {
   EXPECT_EQ(pings, m_servant->pings);
 }
 
+// A connection keeps the servant it found last: a removed or replaced one
+// must show at the very next request on the same connection.
+TEST_F(ServerTest, ServantsRemovedOrReplacedShowAtTheNextRequest) {
+  EXPECT_EQ(0u, Call(Request(1, u"A", u"ObjectPing")).status);
+  ASSERT_TRUE(m_server.adapter->RemoveServant(std::string("A")));
+  EXPECT_EQ(Err::ObjectNotFound, Call(Request(2, u"A", u"ObjectPing")).status);
+  auto other = MakeShared<Servant>();
+  other->adapter = m_server.adapter.get();
+  other->pingStatus = 9;
+  ASSERT_TRUE(m_server.adapter->AddServant(SmartPtr<Object>(other), std::string("A")));
+  EXPECT_EQ(9u, Call(Request(3, u"A", u"ObjectPing")).status);
+  EXPECT_EQ(std::pair(1, 1), std::pair(m_servant->pings.load(), other->pings.load()));
+}
+
 // Whatever happens to a one-way request, the next reply is the two-way request's after it.
 TEST_F(ServerTest, OneWayRequestsRunAndSendNothing) {
   m_servant->pingStatus = 7;
