@@ -7,20 +7,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-deps.sh
-packages=(libgrpc++-dev libprotobuf-dev protobuf-compiler-grpc libthrift-dev thrift-compiler libboost-dev)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "installing: ${missing[*]}"
-  sudo_cmd=()
-  [ "$(id -u)" -ne 0 ] && sudo_cmd=(sudo)
-  export DEBIAN_FRONTEND=noninteractive
-  "${sudo_cmd[@]}" apt-get update -qq
-  "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
-fi
+scripts/install-deps.sh libgrpc++-dev libprotobuf-dev protobuf-compiler-grpc libthrift-dev thrift-compiler libboost-dev
 
 cmake --preset ci
 cmake --build --preset ci -j"$(nproc)" --target tavix_peer_bench

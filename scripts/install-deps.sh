@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and testing TAVIX needs, when
-# any of them is missing.
+# Installs the Debian packages that building and testing TAVIX needs, and
+# any package named on the command line, when any of them is missing.
 set -euo pipefail
 
 packages=(g++ make cmake pkg-config iproute2 clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
-          libunwind-dev libdw-dev)
+          libunwind-dev libdw-dev "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
