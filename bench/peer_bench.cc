@@ -303,7 +303,7 @@ BENCHMARK_TEMPLATE(BM_Ping, ThriftClient)->UseRealTime();
 BENCHMARK_TEMPLATE(BM_Ping, GrpcClient)->UseRealTime();
 
 void BM_RawCalls(benchmark::State& state) {
-  if (RunRawRoundTrips(state, kPingRequest, kPingReply)) state.SetItemsProcessed(state.iterations());
+  if (RunRawServerCalls(state, *g_bench)) state.SetItemsProcessed(state.iterations());
 }
 template <class Client>
 void BM_Calls(benchmark::State& state) {

@@ -10,9 +10,12 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -40,12 +43,111 @@ inline uint16_t FreePort() {
   return probe.Open() == 0 ? probe.Address().Port() : 0;
 }
 
-// The Echo servant as "A" on a loopback port, and the clients' runtime.
+// All `count` bytes sent or received on a plain socket; false when the
+// peer went.
+inline bool MoveAll(const platform::SocketView& s, uint8_t* data, int32_t count, bool send) {
+  for (int32_t done = 0; done < count;) {
+    const int32_t n = send ? s.Send(data + done, count - done) : s.Recv(data + done, count - done);
+    if (n <= 0) return false;
+    done += n;
+  }
+  return true;
+}
+
+inline bool SetBenchBuffers(const platform::SocketView& s) {
+  return s.SetSendBufSize(kSocketBuffer) && s.SetRecvBufSize(kSocketBuffer);
+}
+
+// The plain-socket server that calls per second are measured against, built
+// as a TAVIX adapter serves TCP: a thread accepts on a loopback port, and
+// every accepted connection (with TAVIX's 64 KiB buffers) is answered by a
+// thread of its own, `reply` bytes for every `request`, until its client
+// hangs up.
+class RawThreadServer {
+ public:
+  RawThreadServer(int32_t request, int32_t reply) : m_request(request), m_reply(reply) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    uint32_t length = sizeof address;
+    m_ok = m_listener.Create(platform::SocketType::kStream) && m_listener.Bind(&address, sizeof address) &&
+           m_listener.Listen(SOMAXCONN) && m_listener.LocalName(&address, length);
+    m_port = ntohs(address.sin_port);
+    if (m_ok) m_acceptor = std::thread([this] { AcceptLoop(); });
+  }
+  // The listener's shutdown ends the accept; every client has hung up by
+  // now, so each answering thread has ended or is about to.
+  ~RawThreadServer() {
+    m_listener.Shutdown();
+    if (m_acceptor.joinable()) m_acceptor.join();
+    std::lock_guard guard(m_lock);
+    for (const std::unique_ptr<Answerer>& answerer : m_answerers) {
+      answerer->socket.Shutdown();
+      answerer->thread.join();
+    }
+  }
+  RawThreadServer(const RawThreadServer&) = delete;
+  RawThreadServer& operator=(const RawThreadServer&) = delete;
+
+  bool ok() const { return m_ok; }
+  uint16_t Port() const { return m_port; }
+
+ private:
+  struct Answerer {
+    platform::Socket socket;
+    std::thread thread;
+    std::atomic<bool> done{false};
+  };
+
+  void AcceptLoop() {
+    for (;;) {
+      auto answerer = std::make_unique<Answerer>();
+      sockaddr_in peer{};
+      uint32_t length = sizeof peer;
+      if (!m_listener.Accept(answerer->socket, &peer, length)) return;
+      SetBenchBuffers(answerer->socket);
+      Answerer& started = *answerer;
+      std::lock_guard guard(m_lock);
+      ReapEnded();
+      m_answerers.push_back(std::move(answerer));
+      started.thread = std::thread([this, &started] { Answer(started); });
+    }
+  }
+  void Answer(Answerer& answerer) const {
+    std::vector<uint8_t> in(static_cast<size_t>(m_request));
+    std::vector<uint8_t> out(static_cast<size_t>(m_reply), 0x5A);
+    while (MoveAll(answerer.socket, in.data(), m_request, false) &&
+           MoveAll(answerer.socket, out.data(), m_reply, true)) {
+    }
+    answerer.done.store(true);
+  }
+  // Threads of connections that have ended are joined as new ones come.
+  void ReapEnded() {
+    std::erase_if(m_answerers, [](const std::unique_ptr<Answerer>& answerer) {
+      if (!answerer->done.load()) return false;
+      answerer->thread.join();
+      return true;
+    });
+  }
+
+  int32_t m_request;
+  int32_t m_reply;
+  platform::Socket m_listener;
+  uint16_t m_port = 0;
+  bool m_ok = false;
+  std::mutex m_lock;
+  std::vector<std::unique_ptr<Answerer>> m_answerers;
+  std::thread m_acceptor;
+};
+
+// The Echo servant as "A" on a loopback port, the clients' runtime, and the
+// plain thread-per-connection server answering pings beside it.
 struct TcpEchoBench {
   SmartPtr<Communicator> server = Initialize();
   SmartPtr<Communicator> client = Initialize();
   SmartPtr<ObjectAdapter> adapter;
   std::string proxyString;
+  std::unique_ptr<RawThreadServer> rawServer;
 };
 
 inline bool StartEchoServer(TcpEchoBench& bench) {
@@ -56,7 +158,8 @@ inline bool StartEchoServer(TcpEchoBench& bench) {
   adapter->Activate();
   if (!adapter->AddPassport("tcp -h #any -p " + std::to_string(port))) return false;
   bench.proxyString = "A:tcp -h 127.0.0.1 -p " + std::to_string(port) + " -t 30000";
-  return true;
+  bench.rawServer = std::make_unique<RawThreadServer>(kPingRequest, kPingReply);
+  return bench.rawServer->ok();
 }
 
 // Waits (2 s at most) until the server has ended every connection, as the
@@ -94,9 +197,10 @@ class BenchProxy {
   SmartPtr<EchoPrx> m_proxy;
 };
 
-// Two plain connected loopback sockets with the buffers TAVIX gives its
-// connections; a thread on the far end answers every `request` bytes with
-// `reply` bytes until the near end hangs up.
+// Plain loopback sockets moving `request` bytes one way and `reply` bytes
+// back per round trip. Either a pair of sockets whose far end is answered by
+// a thread of its own, started by the caller, or one socket connected to a
+// RawThreadServer.
 class RawPeer {
  public:
   // `tuned`: the 64 KiB buffers of TAVIX; otherwise the kernel's defaults.
@@ -105,15 +209,20 @@ class RawPeer {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    uint32_t acceptedLength = sizeof address;
+    uint32_t length = sizeof address;
     m_ok = listener.Create(platform::SocketType::kStream) && listener.Bind(&address, sizeof address) &&
-           listener.Listen(1) &&
-           getsockname(listener.Handle(), reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
+           listener.Listen(1) && listener.LocalName(&address, length) &&
            m_near.Create(platform::SocketType::kStream) && Tune(m_near) &&
-           m_near.Connect(&address, sizeof address) && listener.Accept(m_far, &address, acceptedLength) &&
-           Tune(m_far);
+           m_near.Connect(&address, sizeof address) && listener.Accept(m_far, &address, length) && Tune(m_far);
     if (m_ok) m_thread = std::thread([this] { Answer(); });
+  }
+  RawPeer(const RawThreadServer& server, int32_t request, int32_t reply)
+      : m_request(request), m_reply(reply), m_tuned(true) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(server.Port());
+    m_ok = m_near.Create(platform::SocketType::kStream) && Tune(m_near) && m_near.Connect(&address, sizeof address);
   }
   ~RawPeer() {
     m_near.Close();
@@ -125,26 +234,15 @@ class RawPeer {
   bool ok() const { return m_ok; }
 
   bool RoundTrip() {
-    return Move(m_near, m_outgoing.data(), m_request, true) && Move(m_near, m_incoming.data(), m_reply, false);
+    return MoveAll(m_near, m_outgoing.data(), m_request, true) && MoveAll(m_near, m_incoming.data(), m_reply, false);
   }
 
  private:
-  bool Tune(const platform::SocketView& s) const {
-    return !m_tuned || (s.SetSendBufSize(kSocketBuffer) && s.SetRecvBufSize(kSocketBuffer));
-  }
-  // All `count` bytes sent or received; false when the peer went.
-  static bool Move(const platform::SocketView& s, uint8_t* data, int32_t count, bool send) {
-    for (int32_t done = 0; done < count;) {
-      const int32_t n = send ? s.Send(data + done, count - done) : s.Recv(data + done, count - done);
-      if (n <= 0) return false;
-      done += n;
-    }
-    return true;
-  }
+  bool Tune(const platform::SocketView& s) const { return !m_tuned || SetBenchBuffers(s); }
   void Answer() {
     std::vector<uint8_t> in(static_cast<size_t>(m_request));
     std::vector<uint8_t> out(static_cast<size_t>(m_reply), 0x5A);
-    while (Move(m_far, in.data(), m_request, false) && Move(m_far, out.data(), m_reply, true)) {
+    while (MoveAll(m_far, in.data(), m_request, false) && MoveAll(m_far, out.data(), m_reply, true)) {
     }
   }
 
@@ -159,11 +257,9 @@ class RawPeer {
   std::thread m_thread;
 };
 
-// Round trips of the given sizes between two plain sockets; false when the
-// sockets could not be connected or a trip failed. Each calling thread has
-// its own pair, so its own answering thread.
-inline bool RunRawRoundTrips(benchmark::State& state, int32_t request, int32_t reply, bool tuned = true) {
-  RawPeer peer(request, reply, tuned);
+// Round trips over a connected peer until the benchmark stops; false when
+// the sockets could not be connected or a trip failed.
+inline bool RunRoundTrips(benchmark::State& state, RawPeer& peer) {
   if (!peer.ok()) {
     state.SkipWithError("cannot connect plain sockets");
     return false;
@@ -175,6 +271,20 @@ inline bool RunRawRoundTrips(benchmark::State& state, int32_t request, int32_t r
     }
   }
   return true;
+}
+
+// Round trips of the given sizes between two plain sockets. Each calling
+// thread has its own pair, so its own answering thread.
+inline bool RunRawRoundTrips(benchmark::State& state, int32_t request, int32_t reply, bool tuned = true) {
+  RawPeer peer(request, reply, tuned);
+  return RunRoundTrips(state, peer);
+}
+
+// Pings to the plain thread-per-connection server, on a connection of the
+// calling thread's own.
+inline bool RunRawServerCalls(benchmark::State& state, const TcpEchoBench& bench) {
+  RawPeer peer(*bench.rawServer, kPingRequest, kPingReply);
+  return RunRoundTrips(state, peer);
 }
 
 // The console table, and every repetition kept under the benchmark's name
