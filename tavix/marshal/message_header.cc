@@ -35,24 +35,43 @@ void PutLe32(uint8_t* out, uint32_t v) {
   for (int i = 0; i < 4; ++i) out[i] = static_cast<uint8_t>(v >> (8 * i));
 }
 
-uint32_t GetLe32(const uint8_t* in) {
+constexpr uint32_t GetLe32(const uint8_t* in) {
   return static_cast<uint32_t>(in[0]) | static_cast<uint32_t>(in[1]) << 8 |
          static_cast<uint32_t>(in[2]) << 16 | static_cast<uint32_t>(in[3]) << 24;
 }
 
-}  // namespace
-
-uint16_t Crc16(const uint8_t* data, uint16_t length) {
+constexpr uint32_t CrcUpdate(uint32_t crc, const uint8_t* data, size_t length) {
   const auto& [t0, t1, t2, t3] = kSliceTables;
-  uint32_t crc = 0xFFFF;
-  uint16_t i = 0;
+  size_t i = 0;
   for (; i + 4 <= length; i += 4) {
     const uint32_t x = crc ^ GetLe32(data + i);
     crc = t3[x & 0xFF] ^ t2[(x >> 8) & 0xFF] ^ t1[(x >> 16) & 0xFF] ^ t0[x >> 24];
   }
   for (; i < length; ++i) crc = (crc >> 8) ^ t0[(crc ^ data[i]) & 0xFF];
-  return static_cast<uint16_t>(crc);
+  return crc;
 }
+
+// Every valid header starts with the magic and the version: their sum is
+// taken once, and a header's own sum goes on from there.
+constexpr uint32_t kPrefixCrc = [] {
+  std::array<uint8_t, 8> prefix{};
+  for (size_t i = 0; i < 4; ++i) {
+    prefix[i] = kMagic[i];
+    prefix[4 + i] = kVersion[i];
+  }
+  return CrcUpdate(0xFFFF, prefix.data(), prefix.size());
+}();
+
+uint16_t HeaderCrc(const uint8_t* header) {
+  if (std::memcmp(header, kMagic.data(), 4) != 0 || std::memcmp(header + 4, kVersion.data(), 4) != 0) {
+    return Crc16(header, kCrcOffset);
+  }
+  return static_cast<uint16_t>(CrcUpdate(kPrefixCrc, header + 8, kCrcOffset - 8));
+}
+
+}  // namespace
+
+uint16_t Crc16(const uint8_t* data, uint16_t length) { return static_cast<uint16_t>(CrcUpdate(0xFFFF, data, length)); }
 
 void MsgHeaderData::Init(uint8_t messageType) {
   magic = kMagic;
@@ -70,7 +89,7 @@ void MsgHeaderData::Encode(uint8_t* out) const {
   out[9] = reserved;
   PutLe32(out + 10, static_cast<uint32_t>(size));
   PutLe32(out + 14, 0);
-  const uint16_t crc = Crc16(out, kCrcOffset);
+  const uint16_t crc = HeaderCrc(out);
   out[18] = static_cast<uint8_t>(crc);
   out[19] = static_cast<uint8_t>(crc >> 8);
 }
@@ -82,7 +101,7 @@ void MsgHeaderData::Decode(const uint8_t* in) {
   reserved = in[9];
   size = static_cast<int32_t>(GetLe32(in + 10));
   const uint16_t received = static_cast<uint16_t>(in[18] | in[19] << 8);
-  crcOk = Crc16(in, kCrcOffset) == received;
+  crcOk = HeaderCrc(in) == received;
 }
 
 uint32_t MsgHeaderData::Check() const {
