@@ -54,6 +54,14 @@ inline bool MoveAll(const platform::SocketView& s, uint8_t* data, int32_t count,
   return true;
 }
 
+// Answers every `request` bytes with `reply` bytes until the peer hangs up.
+inline void AnswerUntilClosed(const platform::SocketView& s, int32_t request, int32_t reply) {
+  std::vector<uint8_t> in(static_cast<size_t>(request));
+  std::vector<uint8_t> out(static_cast<size_t>(reply), 0x5A);
+  while (MoveAll(s, in.data(), request, false) && MoveAll(s, out.data(), reply, true)) {
+  }
+}
+
 inline bool SetBenchBuffers(const platform::SocketView& s) {
   return s.SetSendBufSize(kSocketBuffer) && s.SetRecvBufSize(kSocketBuffer);
 }
@@ -114,11 +122,7 @@ class RawThreadServer {
     }
   }
   void Answer(Answerer& answerer) const {
-    std::vector<uint8_t> in(static_cast<size_t>(m_request));
-    std::vector<uint8_t> out(static_cast<size_t>(m_reply), 0x5A);
-    while (MoveAll(answerer.socket, in.data(), m_request, false) &&
-           MoveAll(answerer.socket, out.data(), m_reply, true)) {
-    }
+    AnswerUntilClosed(answerer.socket, m_request, m_reply);
     answerer.done.store(true);
   }
   // Threads of connections that have ended are joined as new ones come.
@@ -214,7 +218,7 @@ class RawPeer {
            listener.Listen(1) && listener.LocalName(&address, length) &&
            m_near.Create(platform::SocketType::kStream) && Tune(m_near) &&
            m_near.Connect(&address, sizeof address) && listener.Accept(m_far, &address, length) && Tune(m_far);
-    if (m_ok) m_thread = std::thread([this] { Answer(); });
+    if (m_ok) m_thread = std::thread([this] { AnswerUntilClosed(m_far, m_request, m_reply); });
   }
   RawPeer(const RawThreadServer& server, int32_t request, int32_t reply)
       : m_request(request), m_reply(reply), m_tuned(true) {
@@ -239,12 +243,6 @@ class RawPeer {
 
  private:
   bool Tune(const platform::SocketView& s) const { return !m_tuned || SetBenchBuffers(s); }
-  void Answer() {
-    std::vector<uint8_t> in(static_cast<size_t>(m_request));
-    std::vector<uint8_t> out(static_cast<size_t>(m_reply), 0x5A);
-    while (MoveAll(m_far, in.data(), m_request, false) && MoveAll(m_far, out.data(), m_reply, true)) {
-    }
-  }
 
   int32_t m_request;
   int32_t m_reply;
