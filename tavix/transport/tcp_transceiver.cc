@@ -56,6 +56,7 @@ void TcpTransceiver::Attach(platform::Socket socket, const InetAddr& peer) {
   m_aheadBegin = 0;
   m_aheadEnd = 0;
   m_stallTimeoutMs.store(0);
+  m_messageTimeoutMs.store(0);
   m_socketTimeoutMs.store(0);
   ApplyTcpOptionsLocked();
 }
@@ -125,6 +126,10 @@ int32_t TcpTransceiver::Recv(void* buffer, int32_t length) {
     return -2;
   }
   if (m_aheadBegin < m_aheadEnd) return TakeAhead(buffer, length);
+  if (!ApplyReceiveTimeout(pin.Socket(), m_messageTimeoutMs.load())) {
+    TraceError(u"TcpTransceiver::Recv, setsockopt error:%d,%s\n");
+    return -1;
+  }
   const int32_t count = pin.Socket().Recv(buffer, length);
   if (count >= 0) return count;
   return ReceiveFailure(u"TcpTransceiver::Recv, recv error:%d,%s\n");
@@ -146,6 +151,10 @@ int32_t TcpTransceiver::RecvnPinned(const platform::SocketView& socket, void* bu
   const int32_t ahead = TakeAhead(next, left);
   next += ahead;
   left -= ahead;
+  if (left > 0 && !ApplyReceiveTimeout(socket, m_messageTimeoutMs.load())) {
+    TraceError(u"TcpTransceiver::Recvn, setsockopt error:%d,%s\n");
+    return -1;
+  }
   while (left > 0) {
     // Small remainders come through the read-ahead block, so that whatever
     // follows them arrives in the same receive; large ones land in place.
@@ -171,22 +180,19 @@ int32_t TcpTransceiver::RecvMessageStart(void* buffer, int32_t length, uint32_t 
     TavixSetLastError(Err::IllegalBufferSize);
     return -2;
   }
+  m_messageTimeoutMs.store(timeoutMs != 0 ? timeoutMs : m_stallTimeoutMs.load());
   if (m_aheadBegin == m_aheadEnd) {
-    const uint32_t limit = timeoutMs != 0 ? timeoutMs : m_stallTimeoutMs.load();
-    if (!ApplyReceiveTimeout(pin.Socket(), limit)) {
+    // Without a limit the socket has no receive time-out while it waits,
+    // so an idle peer costs no kernel timer per message.
+    if (!ApplyReceiveTimeout(pin.Socket(), timeoutMs)) {
       TraceError(u"TcpTransceiver::RecvMessageStart, setsockopt error:%d,%s\n");
       return -1;
     }
-    for (;;) {
-      const int32_t count = FillAhead(pin.Socket());
-      if (count > 0) break;
-      // A close from another thread wakes the receive with an end of
-      // stream; it is told apart from the peer's close as the wait tells it.
-      if (count == 0) return IsOpen() ? 0 : -3;
-      // Nothing of a message yet: an idle peer may stay silent for ever.
-      if (timeoutMs == 0 && LastErrorIsWouldBlock()) continue;
-      return ReceiveFailure(u"TcpTransceiver::RecvMessageStart, recv error:%d,%s\n");
-    }
+    const int32_t count = FillAhead(pin.Socket());
+    // A close from another thread wakes the receive with an end of stream;
+    // it is told apart from the peer's close as the wait tells it.
+    if (count == 0) return IsOpen() ? 0 : -3;
+    if (count < 0) return ReceiveFailure(u"TcpTransceiver::RecvMessageStart, recv error:%d,%s\n");
   }
   return RecvnPinned(pin.Socket(), buffer, length);
 }
@@ -292,7 +298,8 @@ bool TcpTransceiver::SetStallTimeout(uint32_t timeoutMs) {
   const Pin pin(*this);
   if (!pin) return false;
   m_stallTimeoutMs.store(timeoutMs);
-  return ApplyReceiveTimeout(pin.Socket(), timeoutMs);
+  m_messageTimeoutMs.store(timeoutMs);
+  return true;
 }
 
 void TcpTransceiver::SetPeer(const std::u16string& address, uint16_t port) {

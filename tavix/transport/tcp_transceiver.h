@@ -56,11 +56,10 @@ class TcpTransceiver : public SocketTransceiver {
   // One gathering send for both pieces.
   int32_t SendPair(const void* first, int32_t firstLength, const void* second, int32_t secondLength) override;
   // No separate wait: the receive itself waits, bounded by the socket's
-  // receive time-out. With a limit, that time-out is set to it (only when
-  // it differs from the last one set) and also bounds the rest of the
-  // message; without one, a receive that times out before the first byte
-  // simply starts again, so an idle peer is waited for without end while
-  // the stall time-out still guards the bytes inside a message.
+  // receive time-out, which is set only when it differs from the last one.
+  // With a limit, the limit bounds the wait and the rest of the message;
+  // without one, an idle peer is waited for without end, and the stall
+  // time-out guards the bytes inside the message.
   int32_t RecvMessageStart(void* buffer, int32_t length, uint32_t timeoutMs) override;
   bool GetPeer(std::u16string& address, uint16_t& port) const override;
   int32_t Type() const override { return 1; }
@@ -69,8 +68,9 @@ class TcpTransceiver : public SocketTransceiver {
 
   void SetPeer(const std::u16string& address, uint16_t port);
   // How long Recv and Recvn wait for the next bytes before they fail with
-  // -2 and Err::ReceiveTimeout; 0 (the default) waits without limit.
-  // WaitForRecv keeps its own time-out.
+  // -2 and Err::ReceiveTimeout; 0 (the default) waits without limit. It is
+  // set on the socket at the first receive that must wait. WaitForRecv
+  // keeps its own time-out.
   bool SetStallTimeout(uint32_t timeoutMs);
   // Waits until the socket takes data; results as WaitForRecv.
   int32_t WaitForSend(uint32_t timeoutMs);
@@ -95,8 +95,11 @@ class TcpTransceiver : public SocketTransceiver {
   std::unique_ptr<uint8_t[]> m_ahead;
   int32_t m_aheadBegin = 0;
   int32_t m_aheadEnd = 0;
-  // The stall time-out asked for, and the receive time-out the socket has.
+  // The stall time-out asked for, the one that bounds the receives of the
+  // current message, and the receive time-out
+  // the socket has.
   std::atomic<uint32_t> m_stallTimeoutMs{0};
+  std::atomic<uint32_t> m_messageTimeoutMs{0};
   std::atomic<uint32_t> m_socketTimeoutMs{0};
 };
 
