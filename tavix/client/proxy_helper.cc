@@ -34,7 +34,7 @@ ProxyHelper::ProxyHelper(ProxyObject* proxy, const std::u16string& operation, Op
 }
 
 ProxyHelper::~ProxyHelper() {
-  if (m_borrowed) {
+  if (m_buffers.Borrowed()) {
     m_input.Attach(nullptr);
     m_output.Attach(nullptr);
     m_connection->ReturnBuffers();
@@ -60,7 +60,7 @@ uint32_t ProxyHelper::PrepareIPC() {
     if (m_mode == TwoWay && m_connection->GetTransceiver()->IsBroadcast()) {
       return Err::BroadcastNeedsOneway;
     }
-    m_borrowed = m_connection->BorrowBuffers(m_inputBuffer, m_outputBuffer);
+    m_connection->BorrowBuffers(m_buffers);
   }
   m_startTime = platform::SystemTimeAsFileTime();
 
@@ -69,7 +69,7 @@ uint32_t ProxyHelper::PrepareIPC() {
     m_proxy->m_perfmon.requestSize = m_length;
     m_downstream = ConnectionLink();
     if (m_datagram && m_length > m_connection->GetTransceiver()->MaxMessageSize()) return Err::IllegalBufferSize;
-    AttachMessageBuffer(m_output, m_outputBuffer, m_length, m_downstream);
+    AttachMessageBuffer(m_output, m_buffers.Output(), m_length, m_downstream);
     return 0;
   }
 
@@ -83,7 +83,7 @@ uint32_t ProxyHelper::PrepareIPC() {
     // A datagram carries a whole message or nothing.
     if (m_datagram && m_length > m_connection->GetTransceiver()->MaxMessageSize()) return Err::IllegalBufferSize;
   }
-  AttachMessageBuffer(m_output, m_outputBuffer, m_length, m_downstream);
+  AttachMessageBuffer(m_output, m_buffers.Output(), m_length, m_downstream);
   WriteMessageHeader(m_output, MSG_REQUEST, m_length);
   RequestHead::write(m_output, m_requestId, m_proxy->m_objectName, *m_operation);
   return 0;
@@ -134,7 +134,7 @@ uint32_t ProxyHelper::InvokeIPC() {
 uint32_t ProxyHelper::ReadReplyHead(int32_t size, ReplyHead& reply) {
   m_proxy->m_perfmon.replySize = size;
   m_replyBodySize = size - HEADER_SIZE;
-  AttachMessageBuffer(m_input, m_inputBuffer, m_replyBodySize, m_downstream);
+  AttachMessageBuffer(m_input, m_buffers.Input(), m_replyBodySize, m_downstream);
   reply.read(m_input);
   m_proxy->m_perfmon.serverTime = reply.serverTime;
   return reply.status;

@@ -35,6 +35,7 @@
 
 #include "tavix/core/errors.h"
 #include "tavix/core/shared.h"
+#include "tavix/invoke/message_buffers.h"
 #include "tavix/invoke/messages.h"
 #include "tavix/marshal/basic_stream.h"
 #include "tavix/marshal/blob.h"
@@ -115,10 +116,7 @@ class ProxyHelper {
   SmartPtr<DatagramStreamBuf> m_datagram;  // set on datagram connections
   FILETIME m_startTime = 0;
   SmartPtr<ITavixBlob> m_blob;
-  // The connection's buffers when it could lend them, otherwise our own.
-  SmartPtr<StreamMemBuf> m_inputBuffer;
-  SmartPtr<StreamMemBuf> m_outputBuffer;
-  bool m_borrowed = false;
+  MessageBuffers m_buffers;
 };
 
 }  // namespace TAVIX

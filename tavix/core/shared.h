@@ -80,8 +80,10 @@ class SmartPtr {
   }
 
   // The new object is counted before the old one is released, so assigning
-  // an object to itself never deletes it.
+  // an object to itself never deletes it. The same object again changes
+  // nothing and touches no count.
   SmartPtr& operator=(T* p) noexcept {
+    if (p == m_ptr) return *this;
     if (p != nullptr) p->IncRef();
     T* old = m_ptr;
     m_ptr = p;

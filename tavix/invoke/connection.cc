@@ -133,14 +133,11 @@ const SmartPtr<Object>& Connection::FindServant(IObjectHost& host, const std::u1
   return m_servant;
 }
 
-bool Connection::BorrowBuffers(SmartPtr<StreamMemBuf>& input, SmartPtr<StreamMemBuf>& output) {
-  if (m_buffersLent.exchange(true)) return false;
-  if (!m_inputBuffer) {
-    m_inputBuffer = MakeShared<StreamMemBuf>();
-    m_outputBuffer = MakeShared<StreamMemBuf>();
-  }
-  input = m_inputBuffer;
-  output = m_outputBuffer;
+bool Connection::BorrowBuffers(MessageBuffers& buffers) {
+  if (m_buffersLent.exchange(true, std::memory_order_acquire)) return false;
+  // A holder still empty gets its buffer from the first message through it.
+  buffers.m_input = &m_inputBuffer;
+  buffers.m_output = &m_outputBuffer;
   return true;
 }
 
@@ -345,7 +342,7 @@ int32_t Connection::Serve() {
     }
     switch (header.type) {
       case MSG_REQUEST: {
-        ObjectHelper request(SmartPtr<Connection>(this), *m_factory->GetHost(), header.size);
+        ObjectHelper request(*this, *m_factory->GetHost(), header.size);
         request.Invoke();
         break;
       }
@@ -406,7 +403,8 @@ void Connection::HandleDatagram(const SmartPtr<DatagramStreamBuf>& datagram) {
     return;
   }
   link.StartReading(HEADER_SIZE);
-  ObjectHelper request(SmartPtr<Connection>(this), *m_factory->GetHost(), header.size, datagram);
+  const SmartPtr<ITavixStreamBuf> chainEnd(datagram);  // outlives the request, as it must
+  ObjectHelper request(*this, *m_factory->GetHost(), header.size, chainEnd);
   request.Invoke();
   if (request.GetContext().oneway != 0) return;
   if (link.Oversized()) {

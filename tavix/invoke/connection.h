@@ -21,6 +21,7 @@ namespace TAVIX {
 class DatagramStreamBuf;
 class ITavixStreamBuf;
 class ITransceiver;
+class MessageBuffers;
 class StreamMemBuf;
 class IConnectionFactory;
 class ThreadPerConnection;
@@ -55,8 +56,8 @@ class Connection : public virtual Shared {
   // messages of a connection reuse their blocks; false, with nothing lent,
   // while someone else holds them. Return them once the streams that use
   // them have let go.
-  bool BorrowBuffers(SmartPtr<StreamMemBuf>& input, SmartPtr<StreamMemBuf>& output);
-  void ReturnBuffers() { m_buffersLent.store(false); }
+  bool BorrowBuffers(MessageBuffers& buffers);
+  void ReturnBuffers() { m_buffersLent.store(false, std::memory_order_release); }
   // The servant of `id` in `host`, remembered from the last request while
   // the host's servants stay as they were, so that a connection calling one
   // object takes no lock of the adapter's; null with 0x2000000C when none

@@ -16,27 +16,27 @@
 
 namespace TAVIX {
 
-ObjectHelper::ObjectHelper(const SmartPtr<Connection>& connection, IObjectHost& host,
-                           int32_t messageSize, const SmartPtr<ITavixStreamBuf>& link)
-    : m_bodySize(messageSize - HEADER_SIZE), m_connection(connection), m_host(host), m_link(link) {
+ObjectHelper::ObjectHelper(Connection& connection, IObjectHost& host, int32_t messageSize,
+                           const SmartPtr<ITavixStreamBuf>& link)
+    : m_bodySize(messageSize - HEADER_SIZE),
+      m_connection(connection),
+      m_host(host),
+      m_link(link ? link : connection.StreamLink()) {
   m_reply.requestId = -1;
-  m_connection->SetInServant(true);
-  const SmartPtr<ITransceiver>& transceiver = m_connection->GetTransceiver();
-  if (!m_link) m_link = m_connection->StreamLink();
-  m_borrowed = m_connection->BorrowBuffers(m_inputBuffer, m_outputBuffer);
-  if (m_borrowed) m_context = &m_connection->m_keptContext;
-  AttachMessageBuffer(m_input, m_inputBuffer, m_bodySize, m_link);
-  m_socket = static_cast<uint32_t>(transceiver->GetHandle());
+  m_connection.SetInServant(true);
+  if (m_connection.BorrowBuffers(m_buffers)) m_context = &m_connection.m_keptContext;
+  AttachMessageBuffer(m_input, m_buffers.Input(), m_bodySize, m_link);
+  m_socket = static_cast<uint32_t>(m_connection.GetTransceiver()->GetHandle());
 }
 
 ObjectHelper::~ObjectHelper() {
-  if (m_borrowed) {
+  if (m_buffers.Borrowed()) {
     m_input.Attach(nullptr);
     m_output.Attach(nullptr);
-    m_connection->ReturnBuffers();
+    m_connection.ReturnBuffers();
   }
-  m_connection->EndRequest();
-  m_connection->SetInServant(false);
+  m_connection.EndRequest();
+  m_connection.SetInServant(false);
 }
 
 void ObjectHelper::Invoke() {
@@ -44,11 +44,11 @@ void ObjectHelper::Invoke() {
   RequestHead::read(m_input, m_reply.requestId, context.objectName, context.operation);
   context.connectionId = m_socket;
   context.oneway = m_reply.requestId == 0 ? 1 : 0;
-  m_connection->BeginRequest(context.objectName, context.operation);
+  m_connection.BeginRequest(context.objectName, context.operation);
   // A datagram transceiver leaves the peer as it finds it.
   context.peerAddress.clear();
   context.peerPort = 0;
-  m_connection->GetTransceiver()->GetPeer(context.peerAddress, context.peerPort);
+  m_connection.GetTransceiver()->GetPeer(context.peerAddress, context.peerPort);
 
   if (m_host.GetStatus() != ADAPTER_ACTIVE) {
     FinishServant(Err::AdapterInactive, 0);
@@ -77,7 +77,7 @@ void ObjectHelper::Dispatch() {
     IObjectHost& host;
   } counted(m_host);
 
-  const SmartPtr<Object>& servant = m_connection->FindServant(m_host, m_context->objectName);
+  const SmartPtr<Object>& servant = m_connection.FindServant(m_host, m_context->objectName);
   if (!servant) {
     FinishServant(TavixGetLastError(), 0);
     return;
@@ -108,7 +108,7 @@ void ObjectHelper::FinishServant(uint32_t status, int32_t resultLength, const FI
   // A reply made before any servant ran has no start to measure from.
   m_reply.serverTime = m_startTime == 0 ? 0.0 : ElapsedMs(&m_startTime, &endTime);
   m_replySize += HEADER_SIZE + ReplyHead::lengthOf() + resultLength;
-  AttachMessageBuffer(m_output, m_outputBuffer, m_replySize, m_link);
+  AttachMessageBuffer(m_output, m_buffers.Output(), m_replySize, m_link);
   WriteMessageHeader(m_output, MSG_REPLY, m_replySize);
   m_reply.write(m_output);
 }

@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "tavix/core/shared.h"
+#include "tavix/invoke/message_buffers.h"
 #include "tavix/invoke/messages.h"
 #include "tavix/marshal/basic_stream.h"
 #include "tavix/platform/clock.h"
@@ -24,10 +25,11 @@ class ObjectHelper {
   // `messageSize` is the request header's size, header included. The body
   // is read and the reply written through `link`, the end of the stream
   // chain; by default the connection's transceiver itself.
-  // The host outlives the request: the factory that serves the connection
-  // holds it.
-  ObjectHelper(const SmartPtr<Connection>& connection, IObjectHost& host,
-               int32_t messageSize, const SmartPtr<ITavixStreamBuf>& link = nullptr);
+  // The connection, the host and `link` outlive the request: the request
+  // runs on the connection's serving thread, and the factory that serves
+  // the connection holds the host.
+  ObjectHelper(Connection& connection, IObjectHost& host, int32_t messageSize,
+               const SmartPtr<ITavixStreamBuf>& link = nullptr);
   virtual ~ObjectHelper();
   ObjectHelper(const ObjectHelper&) = delete;
   ObjectHelper& operator=(const ObjectHelper&) = delete;
@@ -63,17 +65,14 @@ class ObjectHelper {
   int32_t m_replySize = 0;
   int32_t m_bodySize;
   ReplyHead m_reply;
-  SmartPtr<Connection> m_connection;
+  Connection& m_connection;
   IObjectHost& m_host;
   uint32_t m_socket = 0;
   FILETIME m_startTime = 0;
   BasicStream m_input;
   BasicStream m_output;
-  SmartPtr<ITavixStreamBuf> m_link;
-  // The connection's buffers when it could lend them, otherwise our own.
-  SmartPtr<StreamMemBuf> m_inputBuffer;
-  SmartPtr<StreamMemBuf> m_outputBuffer;
-  bool m_borrowed = false;
+  const SmartPtr<ITavixStreamBuf>& m_link;
+  MessageBuffers m_buffers;
   bool m_finished = false;
 };
 

@@ -5,6 +5,7 @@
 #ifndef TAVIX_MARSHAL_BASIC_STREAM_H_
 #define TAVIX_MARSHAL_BASIC_STREAM_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -68,7 +69,13 @@ class Buffer {
   Buffer(Buffer&&) noexcept = default;
   Buffer& operator=(Buffer&&) noexcept = default;
 
-  void Attach(const SmartPtr<ITavixStreamBuf>& sb) { m_streamBuf = sb; }
+  // A holder of any stream-buffer class is taken as it is, without a
+  // converted holder of its own.
+  template <class T>
+  void Attach(const SmartPtr<T>& sb) {
+    m_streamBuf = static_cast<ITavixStreamBuf*>(sb.get());
+  }
+  void Attach(std::nullptr_t) { m_streamBuf = nullptr; }
   const SmartPtr<ITavixStreamBuf>& GetStreamBuf() const { return m_streamBuf; }
 
   // Without a stream buffer both do nothing and return 0. A transfer that

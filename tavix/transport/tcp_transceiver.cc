@@ -126,7 +126,7 @@ int32_t TcpTransceiver::Recv(void* buffer, int32_t length) {
     return -2;
   }
   if (m_aheadBegin < m_aheadEnd) return TakeAhead(buffer, length);
-  if (!ApplyReceiveTimeout(pin.Socket(), m_messageTimeoutMs.load())) {
+  if (!ApplyReceiveTimeout(pin.Socket(), m_messageTimeoutMs.load(std::memory_order_relaxed))) {
     TraceError(u"TcpTransceiver::Recv, setsockopt error:%d,%s\n");
     return -1;
   }
@@ -136,6 +136,9 @@ int32_t TcpTransceiver::Recv(void* buffer, int32_t length) {
 }
 
 int32_t TcpTransceiver::Recvn(void* buffer, int32_t length) {
+  // Bytes already received need no socket, so no pin: the read-ahead block
+  // belongs to the one reader.
+  if (length > 0 && length <= m_aheadEnd - m_aheadBegin) return TakeAhead(buffer, length);
   const Pin pin(*this);
   if (!pin) return -3;
   if (length < 1) {
@@ -151,7 +154,7 @@ int32_t TcpTransceiver::RecvnPinned(const platform::SocketView& socket, void* bu
   const int32_t ahead = TakeAhead(next, left);
   next += ahead;
   left -= ahead;
-  if (left > 0 && !ApplyReceiveTimeout(socket, m_messageTimeoutMs.load())) {
+  if (left > 0 && !ApplyReceiveTimeout(socket, m_messageTimeoutMs.load(std::memory_order_relaxed))) {
     TraceError(u"TcpTransceiver::Recvn, setsockopt error:%d,%s\n");
     return -1;
   }
@@ -180,7 +183,7 @@ int32_t TcpTransceiver::RecvMessageStart(void* buffer, int32_t length, uint32_t 
     TavixSetLastError(Err::IllegalBufferSize);
     return -2;
   }
-  m_messageTimeoutMs.store(timeoutMs != 0 ? timeoutMs : m_stallTimeoutMs.load());
+  m_messageTimeoutMs.store(timeoutMs != 0 ? timeoutMs : m_stallTimeoutMs.load(), std::memory_order_relaxed);
   if (m_aheadBegin == m_aheadEnd) {
     // Without a limit the socket has no receive time-out while it waits,
     // so an idle peer costs no kernel timer per message.

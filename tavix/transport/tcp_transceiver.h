@@ -96,7 +96,9 @@ class TcpTransceiver : public SocketTransceiver {
   int32_t m_aheadBegin = 0;
   int32_t m_aheadEnd = 0;
   // The stall time-out asked for, the one that bounds the receives of the
-  // current message, and the receive time-out the socket has.
+  // current message, and the receive time-out the socket has. Each value
+  // stands alone, publishing no other memory, so the reader's own updates
+  // may be relaxed.
   std::atomic<uint32_t> m_stallTimeoutMs{0};
   std::atomic<uint32_t> m_messageTimeoutMs{0};
   std::atomic<uint32_t> m_socketTimeoutMs{0};
