@@ -8,6 +8,7 @@
 #include "tavix/adapter/tcp_connection_factory.h"
 #include "tavix/core/host_info.h"
 #include "tavix/invoke/connection.h"
+#include "tavix/invoke/message_buffers.h"
 #include "tavix/invoke/object_helper.h"
 #include "tavix/invoke/wire_test_util.h"
 #include "tavix/transport/passport.h"
@@ -323,6 +324,32 @@ TEST(Connection, FailedValidationIsAReceiveErrorWithoutStopLine) {
   EXPECT_EQ(DISCONNECT_RECV_ERROR, reason);
   EXPECT_TRUE(log.Has(u"Thread for client  started.", 0));
   EXPECT_FALSE(log.Has(u"Thread for client  stoped.", 0));
+}
+
+// A connection lends its two message buffers to one borrower at a time, and keeps what a borrower made in them: the
+// next borrower gets the same block, held by the connection alone, with no count taken by the lending.
+TEST(Connection, LendsItsBuffersToOneBorrowerAndKeepsTheirBlocks) {
+  const SmartPtr<Connection> connection(new Connection());
+  MessageBuffers first;
+  ASSERT_TRUE(connection->BorrowBuffers(first));
+  ASSERT_TRUE(first.Borrowed());
+  Buffer stream;
+  AttachMessageBuffer(stream, first.Output(), 48, nullptr);
+  StreamMemBuf* const made = first.Output().get();
+  ASSERT_NE(nullptr, made);
+
+  MessageBuffers second;
+  EXPECT_FALSE(connection->BorrowBuffers(second));
+  EXPECT_FALSE(second.Borrowed());
+  EXPECT_EQ(nullptr, second.Output());
+
+  stream.Attach(nullptr);
+  connection->ReturnBuffers();
+  MessageBuffers third;
+  ASSERT_TRUE(connection->BorrowBuffers(third));
+  EXPECT_EQ(made, third.Output().get());
+  EXPECT_EQ(1, made->RefCount());
+  EXPECT_EQ(nullptr, third.Input());
 }
 
 std::string Endpoint(uint16_t port, const std::string& host = "#any") {
