@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "tavix/adapter/object_adapter.h"
-#include "tavix/client/typed_call.h"
+#include "tavix/invoke/operation.h"
 #include "tavix/core/errors.h"
 #include "tavix/invoke/connection.h"
 #include "tavix/invoke/connection_factory.h"
@@ -69,7 +69,7 @@ class InputTransceiver : public ITransceiver {
   }
   int32_t Send(const void*, int32_t length) override { return m_open ? length : -3; }
   bool GetPeer(std::u16string&, uint16_t&) const override { return false; }
-  int32_t Type() const override { return 1; }
+  PassportType Type() const override { return PASSPORT_TCP; }
   int32_t MaxMessageSize() const override { return 0; }
   bool IsBroadcast() const override { return false; }
 

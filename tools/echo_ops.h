@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "tavix/client/typed_call.h"
+#include "tavix/invoke/operation.h"
 #include "tavix/core/shared.h"
 #include "tavix/marshal/blob.h"
 

@@ -1,6 +1,6 @@
 #include "tools/echo_servant.h"
 
-#include "tavix/client/typed_call.h"
+#include "tavix/invoke/operation.h"
 #include "tavix/invoke/messages.h"
 #include "tavix/platform/process.h"
 #include "tools/echo_faults.h"

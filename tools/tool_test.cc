@@ -10,8 +10,8 @@
 #include <filesystem>
 
 #include "tavix/core/host_info.h"
-#include "tavix/diag/report_test_util.h"
-#include "tavix/invoke/wire_test_util.h"
+#include "tavix/testing/report_files.h"
+#include "tavix/testing/wire.h"
 #include "tools/echo_proxy.h"
 #include "tools/echo_servant.h"
 

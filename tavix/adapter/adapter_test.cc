@@ -10,7 +10,7 @@
 #include "tavix/invoke/connection.h"
 #include "tavix/invoke/message_buffers.h"
 #include "tavix/invoke/object_helper.h"
-#include "tavix/invoke/wire_test_util.h"
+#include "tavix/testing/wire.h"
 #include "tavix/transport/passport.h"
 
 namespace TAVIX {

@@ -80,33 +80,41 @@ SmartPtr<IPassport> ObjectAdapter::AddPassport(const std::u16string& endpoint) {
   SmartPtr<IPassport> passport = PassportFactory().Create(endpoint);
   if (!passport) return nullptr;
 
-  {
-    ScopedLock guard(m_passportLock);
-    for (const auto& [registered, factory] : m_passports) {
-      if (factory->GetPassport()->Conflict(*passport)) {
-        TavixSetLastError(Err::PassportConflict);
-        return nullptr;
-      }
-    }
+  // One hold of the lock from the scan to the insert: two calls for one
+  // resource cannot both pass the scan.
+  ScopedLock guard(m_passportLock);
+  if (ConflictsLocked(*passport)) {
+    TavixSetLastError(Err::PassportConflict);
+    return nullptr;
   }
-
-  SmartPtr<IConnectionFactory> factory;
-  if (passport->Type() == PASSPORT_TCP) {
-    factory = MakeShared<TcpConnectionFactory>(passport, SmartPtr<ObjectAdapter>(this));
-  } else {
-    factory = MakeShared<UdpConnectionFactory>(passport, SmartPtr<ObjectAdapter>(this));
-  }
-
+  SmartPtr<IConnectionFactory> factory = MakeFactory(passport);
   if (GetStatus() != ADAPTER_INACTIVE && !factory->Activate()) {
     // Dropping the factory must not disturb the error activation left.
     EnsureLastError keep;
     factory = nullptr;
     return nullptr;
   }
-
-  ScopedLock guard(m_passportLock);
   m_passports.emplace(passport, factory);
   return passport;
+}
+
+SmartPtr<IConnectionFactory> ObjectAdapter::MakeFactory(const SmartPtr<IPassport>& passport) {
+  if (passport->Type() == PASSPORT_TCP) {
+    return MakeShared<TcpConnectionFactory>(passport, SmartPtr<ObjectAdapter>(this));
+  }
+  return MakeShared<UdpConnectionFactory>(passport, SmartPtr<ObjectAdapter>(this));
+}
+
+bool ObjectAdapter::ConflictsLocked(const IPassport& passport) const {
+  for (const auto& [registered, factory] : m_passports) {
+    if (factory->GetPassport()->Conflict(passport)) return true;
+  }
+  return false;
+}
+
+ObjectAdapter::PassportTable ObjectAdapter::Passports() {
+  ScopedLock guard(m_passportLock);
+  return m_passports;
 }
 
 SmartPtr<IPassport> ObjectAdapter::AddPassport(const std::string& endpoint) {
@@ -132,12 +140,22 @@ bool ObjectAdapter::Activate() {
   SetStatus(ADAPTER_ACTIVE);
   ScopedLock guard(m_passportLock);
   for (const auto& [passport, factory] : m_passports) {
-    if (!factory->Activate()) {
-      std::u16string printed;
-      tavixTrace(u"%s Activate failed!\n", factory->GetPassport()->toString(printed));
-    }
+    if (factory->Activate()) continue;
+    const uint32_t error = TavixGetLastError();
+    std::u16string printed;
+    TraceLog::Write(u"ERROR: Endpoint %s is not listening: %d,%s\n", passport->toString(printed), error,
+                    ErrorText(error));
   }
   return true;
+}
+
+std::vector<SmartPtr<IPassport>> ObjectAdapter::NotListening() {
+  std::vector<SmartPtr<IPassport>> idle;
+  ScopedLock guard(m_passportLock);
+  for (const auto& [passport, factory] : m_passports) {
+    if (!factory->IsActive()) idle.push_back(passport);
+  }
+  return idle;
 }
 
 bool ObjectAdapter::Deactivate() {
@@ -153,22 +171,21 @@ bool ObjectAdapter::Destroy() {
 }
 
 void ObjectAdapter::WaitUntilDeactivate() {
-  for (int32_t polls = 0; polls < kDeactivatePolls; ++polls) {
-    const int32_t invoked = m_invocations.load();
-    if (invoked == 0) return;
-    tavixTrace("Invoked Count = %d\n", invoked);
+  for (int32_t polls = 0; polls < kDeactivatePolls && m_invocations.load() != 0; ++polls) {
     platform::SleepMs(kDeactivatePollMs);
   }
 }
 
 void ObjectAdapter::WaitUntilDestroy(uint64_t deadlineTick) {
-  std::map<SmartPtr<IPassport>, SmartPtr<IConnectionFactory>> released;
+  // Waited for from a copy: the lock is not held while threads are joined.
+  const PassportTable waited = Passports();
+  for (const auto& [passport, factory] : waited) factory->WaitUntilDestroy(deadlineTick);
   {
     ScopedLock guard(m_passportLock);
-    for (const auto& [passport, factory] : m_passports) factory->WaitUntilDestroy(deadlineTick);
-    released.swap(m_passports);
+    for (const auto& [passport, factory] : waited) m_passports.erase(passport);
   }
-  // The factories (and with them their hold on this adapter) go here.
+  // The factories (and with them their hold on this adapter) go with
+  // `waited`, after the lock.
 }
 
 ObjectAdapterStatus ObjectAdapter::GetStatus() { return m_status.load(); }

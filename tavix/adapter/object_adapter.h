@@ -41,7 +41,7 @@ class ServantManager : public virtual Shared {
   uint32_t Version() const { return m_version.load(std::memory_order_acquire); }
 
  private:
-  std::map<std::u16string, SmartPtr<Object>> m_servants;
+  std::map<std::u16string, SmartPtr<Object>> m_servants;  // guarded by m_lock
   RWRecLock m_lock;
   std::atomic<uint32_t> m_version{0};
 };
@@ -64,34 +64,39 @@ class ObjectAdapter : public IObjectHost {
   // Parses the endpoint string, refuses one that claims a resource of a
   // registered passport, makes its factory and starts it at once unless the
   // adapter is inactive. Null on failure (last error set). The passport
-  // returned is the key for RemovePassport.
+  // returned is the key for RemovePassport. The conflict scan and the
+  // insert are one step: of two calls for one resource, one fails.
   SmartPtr<IPassport> AddPassport(const std::u16string& endpoint);
   SmartPtr<IPassport> AddPassport(const std::string& endpoint);
   // Stops and forgets one passport's factory; always true.
   bool RemovePassport(const SmartPtr<IPassport>& passport);
 
   // Active: requests are dispatched, factories started. Always true, also
-  // when a factory fails to start (it is tried again next time).
+  // when a factory fails to start: that writes the error line "ERROR:
+  // Endpoint <endpoint> is not listening: <code>,<text>" and is tried
+  // again at the next Activate. NotListening tells which endpoints those are.
   bool Activate();
+  // The passports whose factories are not listening now (all of them
+  // before the first Activate), in table order.
+  std::vector<SmartPtr<IPassport>> NotListening();
   // Inactive: requests are refused; listeners and connections stay.
   bool Deactivate();
   // Being destroyed: every connection is asked to end. Does not wait.
   bool Destroy();
   // Waits (at most about 61 s) until no request is being dispatched.
   void WaitUntilDeactivate();
-  // Waits for every connection and accept thread to end and empties the
-  // passport table, which breaks the factories' hold on the adapter. A
-  // request still running at the deadline (a monotonic tick count) is
-  // abandoned.
+  // Waits for every connection and accept thread to end and takes their
+  // passports out of the table, which breaks the factories' hold on the
+  // adapter. A request still running at the deadline (a monotonic tick
+  // count) is abandoned. The table's lock is not held while waiting.
   void WaitUntilDestroy(uint64_t deadlineTick = platform::kNoDeadline);
 
   ObjectAdapterStatus GetStatus() override;
 
   // Called on the serving thread of every TCP connection that ends. It
-  // must not call AddPassport, RemovePassport, Activate, Destroy,
-  // WaitUntilDestroy or GetProxyString: the thread waiting for that very
-  // connection may hold the passport-table lock. A null callback switches
-  // the notification off. Always true.
+  // must not call RemovePassport or WaitUntilDestroy, which wait for that
+  // very thread. A null callback switches the notification off. Always
+  // true.
   bool RegisterDisconnectNotification(DisconnectCallback callback, void* context);
 
   // Appends "<id>:<printed passport>" for every passport in table order;
@@ -122,19 +127,28 @@ class ObjectAdapter : public IObjectHost {
   void SetStatus(ObjectAdapterStatus status);
 
  private:
+  using PassportTable = std::map<SmartPtr<IPassport>, SmartPtr<IConnectionFactory>>;
+
+  // The factory for a new passport of its kind.
+  SmartPtr<IConnectionFactory> MakeFactory(const SmartPtr<IPassport>& passport);
+  bool ConflictsLocked(const IPassport& passport) const;
+  // A copy of the table, taken under its lock.
+  PassportTable Passports();
 
   // Read by every request without a lock: a spin lock shared by all
   // serving threads stalls them all whenever its holder is preempted.
   std::atomic<ObjectAdapterStatus> m_status{ADAPTER_INACTIVE};
   ServantManager m_servants;
-  std::map<SmartPtr<IPassport>, SmartPtr<IConnectionFactory>> m_passports;
+  PassportTable m_passports;  // guarded by m_passportLock
+  // Held across a factory's start and stop (neither blocks), never across
+  // a wait for its threads.
   RecLock m_passportLock;
   std::atomic<int32_t> m_invocations{0};
   std::atomic<int32_t> m_connections{0};
   std::atomic<int32_t> m_maxConnections{ConnectionLimits{}.maxConnections};
   std::atomic<uint32_t> m_bodyTimeoutMs{ConnectionLimits{}.bodyTimeoutMs};
-  DisconnectCallback m_callback = nullptr;
-  void* m_callbackContext = nullptr;
+  DisconnectCallback m_callback = nullptr;  // guarded by m_callbackLock
+  void* m_callbackContext = nullptr;       // guarded by m_callbackLock
   // Keeps the callback and its context a consistent pair.
   SpinLock m_callbackLock;
 };

@@ -69,11 +69,14 @@ void TcpConnectionFactory::WaitUntilDestroy(uint64_t deadlineTick) {
   m_active.store(0);
   acceptor->Interrupt();
   const bool acceptLoopEnded = m_acceptThread->Join(INFINITE_WAIT, true) != 0;
+  // The set is taken out before the waits: a lock is never held across a
+  // join. The accept loop has ended, so nothing joins it any more.
+  std::set<SmartPtr<Connection>> live;
   {
     ScopedLock guard(m_liveLock);
-    for (const SmartPtr<Connection>& connection : m_liveConnections) connection->WaitUntilDestroy(deadlineTick);
-    m_liveConnections.clear();
+    live.swap(m_liveConnections);
   }
+  for (const SmartPtr<Connection>& connection : live) connection->WaitUntilDestroy(deadlineTick);
   {
     // Every connection on this list has been waited for above.
     ScopedLock guard(m_closedLock);
@@ -115,7 +118,6 @@ uint32_t TcpConnectionFactory::AcceptLoop() {
     if (transceiver && m_adapter->GetStatus() == ADAPTER_DESTROYING) {
       transceiver->Close();
       transceiver = nullptr;
-      tavixTrace(u"Adpter is Destroying,Connection closed\n");
     }
     if (transceiver && !m_adapter->AdmitConnection()) {
       transceiver->Close();
@@ -146,7 +148,6 @@ void TcpConnectionFactory::Serve(const SmartPtr<ITransceiver>& transceiver) {
     // Live before its thread runs, so that a shutdown from now on finds it.
     ScopedLock guard(m_liveLock);
     m_liveConnections.insert(connection);
-    tavixTrace(u"%d client connected\n", static_cast<int32_t>(m_liveConnections.size()));
   }
   if (connection->Activate()) return;
   {
@@ -165,7 +166,6 @@ void TcpConnectionFactory::ReapClosedConnections() {
   std::vector<SmartPtr<Connection>> closed;
   {
     ScopedLock guard(m_closedLock);
-    tavixTrace(u"Wait for delete connection:%d\n", static_cast<int32_t>(m_closedConnections.size()));
     closed.swap(m_closedConnections);
   }
   for (const SmartPtr<Connection>& connection : closed) {

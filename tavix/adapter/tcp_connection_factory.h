@@ -49,6 +49,7 @@ class TcpConnectionFactory : public IConnectionFactory {
   void WaitUntilDestroy(uint64_t deadlineTick) override;
   const SmartPtr<IPassport>& GetPassport() const override { return m_passport; }
   const SmartPtr<IObjectHost>& GetHost() const override { return m_adapter; }
+  bool IsActive() const override { return m_active.load() != 0; }
 
  private:
   friend class ThreadPerTcpConnectionFactory;
@@ -56,15 +57,14 @@ class TcpConnectionFactory : public IConnectionFactory {
   uint32_t AcceptLoop();
   void Serve(const SmartPtr<ITransceiver>& transceiver);
   void ReapClosedConnections();
-  bool IsActive() const { return m_active.load() != 0; }
   SmartPtr<IAcceptor> Acceptor();
 
-  SmartPtr<IAcceptor> m_acceptor;
+  SmartPtr<IAcceptor> m_acceptor;  // guarded by m_acceptorLock
   RecLock m_acceptorLock;
   SmartPtr<IPassport> m_passport;
-  std::set<SmartPtr<Connection>> m_liveConnections;
+  std::set<SmartPtr<Connection>> m_liveConnections;  // guarded by m_liveLock
   RecLock m_liveLock;
-  std::vector<SmartPtr<Connection>> m_closedConnections;
+  std::vector<SmartPtr<Connection>> m_closedConnections;  // guarded by m_closedLock
   RecLock m_closedLock;
   SmartPtr<ThreadPerTcpConnectionFactory> m_acceptThread;
   std::atomic<int32_t> m_active{0};

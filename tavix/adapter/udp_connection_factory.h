@@ -33,6 +33,7 @@ class UdpConnectionFactory : public IConnectionFactory {
   void WaitUntilDestroy(uint64_t deadlineTick) override;
   const SmartPtr<IPassport>& GetPassport() const override { return m_passport; }
   const SmartPtr<IObjectHost>& GetHost() const override { return m_adapter; }
+  bool IsActive() const override { return m_active.load() != 0; }
 
  private:
   SmartPtr<Connection> CurrentConnection();
@@ -40,7 +41,7 @@ class UdpConnectionFactory : public IConnectionFactory {
   SmartPtr<IPassport> m_passport;
   std::atomic<int32_t> m_active{0};
   SmartPtr<IObjectHost> m_adapter;
-  SmartPtr<Connection> m_connection;
+  SmartPtr<Connection> m_connection;  // guarded by m_lock
   RecLock m_lock;
 };
 

@@ -7,7 +7,7 @@
 #include <list>
 
 #include "tavix/client/typed_call.h"
-#include "tavix/invoke/wire_test_util.h"
+#include "tavix/testing/wire.h"
 
 namespace TAVIX {
 namespace {
@@ -24,9 +24,9 @@ using MixOp = Operation<u"Mix", In<int32_t, std::u16string, std::vector<double>>
 using NoteOp = OneWayOperation<u"Note", In<std::u16string>>;
 
 // The table order is checked when compiling.
-static_assert(typed_call_detail::StrictlyAscending(std::array<std::u16string_view, 4>{u"A", u"B", u"a", u"\u00e9"}));
-static_assert(!typed_call_detail::StrictlyAscending(std::array<std::u16string_view, 2>{u"Echo", u"Echo"}));
-static_assert(!typed_call_detail::StrictlyAscending(std::array<std::u16string_view, 2>{u"EchoBlob", u"Echo"}));
+static_assert(operation_detail::StrictlyAscending(std::array<std::u16string_view, 4>{u"A", u"B", u"a", u"\u00e9"}));
+static_assert(!operation_detail::StrictlyAscending(std::array<std::u16string_view, 2>{u"Echo", u"Echo"}));
+static_assert(!operation_detail::StrictlyAscending(std::array<std::u16string_view, 2>{u"EchoBlob", u"Echo"}));
 
 class TestServant final : public Object {
  public:

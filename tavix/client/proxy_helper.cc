@@ -1,19 +1,13 @@
 #include "tavix/client/proxy_helper.h"
 
-#include <algorithm>
-#include <array>
-
 #include "tavix/client/proxy_object.h"
-#include "tavix/core/text.h"
-#include "tavix/core/trace_log.h"
 #include "tavix/invoke/connection.h"
 #include "tavix/marshal/message_header.h"
 #include "tavix/marshal/stream_buffers.h"
 #include "tavix/platform/clock.h"
-#include "tavix/runtime/communicator.h"
 #include "tavix/transport/datagram_stream_buf.h"
-#include "tavix/transport/stream_transceiver_buf.h"
 #include "tavix/transport/transceiver.h"
+#include "tavix/transport/transfer.h"
 
 namespace TAVIX {
 
@@ -21,9 +15,7 @@ ProxyHelper::ProxyHelper(ProxyObject* proxy, const std::u16string& operation, Op
                          BlobType blobType, int32_t length)
     : m_proxy(proxy), m_operation(&operation), m_mode(mode), m_blobType(blobType), m_length(length) {
   if (m_blobType == RequestToBlob) m_blob = CreateTavixBlob();
-  m_proxy->m_communicator->BeginCall();
-  m_proxy->m_callLock.lock();
-  m_proxy->m_perfmon.Reset();
+  m_proxy->BeginCall();
 }
 
 ProxyHelper::ProxyHelper(ProxyObject* proxy, const std::u16string& operation, OperationMode mode,
@@ -34,48 +26,34 @@ ProxyHelper::ProxyHelper(ProxyObject* proxy, const std::u16string& operation, Op
 }
 
 ProxyHelper::~ProxyHelper() {
-  if (m_buffers.Borrowed()) {
-    m_input.Attach(nullptr);
-    m_output.Attach(nullptr);
-    m_connection->ReturnBuffers();
-  }
-  m_proxy->m_callLock.unlock();
-  m_proxy->m_communicator->EndCall();
-}
-
-uint32_t ProxyHelper::FailureCode(uint32_t fallback) {
-  const uint32_t code = TavixGetLastError();
-  return code != 0 ? code : fallback;
+  // The connection's buffers go back while this call still holds the proxy.
+  m_streams.Release();
+  m_proxy->EndCall();
 }
 
 uint32_t ProxyHelper::PrepareIPC() {
   if (m_blobType != RequestToBlob) {
-    const uint32_t r = m_proxy->Setup();
-    if (r != 0) {
-      std::u16string text;
-      tavixTrace(u"ProxyHelper::PrepareIPC, Setup error:%d,%s\n", r, GetErrMsg(r, text));
-      return r;
-    }
-    m_connection = m_proxy->m_connection;
+    if (const uint32_t r = m_proxy->ReadyConnection(m_connection); r != 0) return r;
     if (m_mode == TwoWay && m_connection->GetTransceiver()->IsBroadcast()) {
       return Err::BroadcastNeedsOneway;
     }
-    m_connection->BorrowBuffers(m_buffers);
+    m_streams.Borrow(*m_connection);
   }
   m_startTime = platform::SystemTimeAsFileTime();
+  BasicStream& out = m_streams.Output();
 
   if (m_blobType == BlobAsRequest) {
     // The caller writes the complete message, header included.
-    m_proxy->m_perfmon.requestSize = m_length;
+    m_proxy->CallPerfmon().requestSize = m_length;
     m_downstream = ConnectionLink();
     if (m_datagram && m_length > m_connection->GetTransceiver()->MaxMessageSize()) return Err::IllegalBufferSize;
-    AttachMessageBuffer(m_output, m_buffers.Output(), m_length, m_downstream);
+    AttachMessageBuffer(out, m_streams.OutputBuffer(), m_length, m_downstream);
     return 0;
   }
 
   m_requestId = RequestIdFor(m_mode);
-  m_length += HEADER_SIZE + RequestHead::lengthOf(m_proxy->m_objectName, *m_operation);
-  m_proxy->m_perfmon.requestSize = m_length;
+  m_length += HEADER_SIZE + RequestHead::lengthOf(m_proxy->ObjectName(), *m_operation);
+  m_proxy->CallPerfmon().requestSize = m_length;
   if (m_blobType == RequestToBlob) {
     m_downstream = SmartPtr<ITavixStreamBuf>(new StreamBlobBuf(m_blob));
   } else {
@@ -83,9 +61,9 @@ uint32_t ProxyHelper::PrepareIPC() {
     // A datagram carries a whole message or nothing.
     if (m_datagram && m_length > m_connection->GetTransceiver()->MaxMessageSize()) return Err::IllegalBufferSize;
   }
-  AttachMessageBuffer(m_output, m_buffers.Output(), m_length, m_downstream);
-  WriteMessageHeader(m_output, MSG_REQUEST, m_length);
-  RequestHead::write(m_output, m_requestId, m_proxy->m_objectName, *m_operation);
+  AttachMessageBuffer(out, m_streams.OutputBuffer(), m_length, m_downstream);
+  WriteMessageHeader(out, MSG_REQUEST, m_length);
+  RequestHead::write(out, m_requestId, m_proxy->ObjectName(), *m_operation);
   return 0;
 }
 
@@ -97,23 +75,19 @@ SmartPtr<ITavixStreamBuf> ProxyHelper::ConnectionLink() {
 }
 
 uint32_t ProxyHelper::InvokeIPC() {
-  m_output.Flush();
-  if (m_datagram && m_datagram->SendGathered() < 0) return FailureCode(Err::ConnectionClosed);
+  m_streams.Output().Flush();
+  if (m_datagram) {
+    if (const Transfer sent = m_datagram->SendGathered(); sent.Failed()) return sent.Code();
+  }
   if (m_mode == OneWay || m_blobType == RequestToBlob) return 0;
   if (m_datagram) return ReceiveDatagramReply();
 
-  m_input.Clear();
+  m_streams.Input().Clear();
   MsgHeaderData header;
-  const int r = m_connection->RecvPacketHeader(header, m_proxy->Timeout());
-  if (r < 1) {
-    const uint32_t e = r == 0 ? Err::ConnectionClosed : FailureCode(Err::ConnectionClosed);
-    if (r == -1) {
-      std::u16string text;
-      tavixTrace(u"ProxyHelper::InvokeIPC, RecvPacketHeader error:%d,%s\n", e, GetErrMsg(e, text));
-    }
+  if (const Transfer received = m_connection->ReceiveHeader(header, m_proxy->Timeout()); !received.Ok()) {
     // A late reply must never be taken for the next call's.
     m_connection->SetState(Connection::StateClosed);
-    return e;
+    return received.Code();
   }
 
   // A rejected reply leaves its body unread, which would break the next
@@ -132,11 +106,12 @@ uint32_t ProxyHelper::InvokeIPC() {
 }
 
 uint32_t ProxyHelper::ReadReplyHead(int32_t size, ReplyHead& reply) {
-  m_proxy->m_perfmon.replySize = size;
+  TavixPerfmon& perfmon = m_proxy->CallPerfmon();
+  perfmon.replySize = size;
   m_replyBodySize = size - HEADER_SIZE;
-  AttachMessageBuffer(m_input, m_buffers.Input(), m_replyBodySize, m_downstream);
-  reply.read(m_input);
-  m_proxy->m_perfmon.serverTime = reply.serverTime;
+  AttachMessageBuffer(m_streams.Input(), m_streams.InputBuffer(), m_replyBodySize, m_downstream);
+  reply.read(m_streams.Input());
+  perfmon.serverTime = reply.serverTime;
   return reply.status;
 }
 
@@ -151,37 +126,30 @@ uint32_t ProxyHelper::ReceiveDatagramReply() {
       if (spent >= timeout) return Err::ReceiveTimeout;
       left = timeout - static_cast<uint32_t>(spent);
     }
-    if (transceiver->WaitForRecv(left) < 0 || m_datagram->Receive() < 0) return FailureCode(Err::ConnectionClosed);
+    Transfer received = Transfer::Of(transceiver->WaitForRecv(left));
+    if (received.Ok()) received = m_datagram->Receive();
+    if (received.Failed()) return received.Code();
     const int32_t size = m_datagram->ReceivedSize();
     if (size < HEADER_SIZE + ReplyHead::lengthOf()) continue;
     MsgHeaderData header;
     header.Decode(m_datagram->Received());
     if (header.Check() != 0 || header.size != size || header.type != MSG_REPLY) continue;
     m_datagram->StartReading(HEADER_SIZE);
-    m_input.Clear();
+    m_streams.Input().Clear();
     ReplyHead reply;
     const uint32_t status = ReadReplyHead(size, reply);
+    // Anything else is a late reply of an earlier call: dropped.
     if (m_blobType == BlobAsRequest || reply.requestId == m_requestId) return status;
-    tavixTrace(u"ProxyHelper::InvokeIPC, late reply %d dropped\n", reply.requestId);
-  }
-}
-
-void ProxyHelper::DrainReply() {
-  std::array<uint8_t, 4096> scratch;  // only written into
-  for (int32_t left = m_replyBodySize - m_input.Size(); left > 0;) {
-    const int32_t piece = std::min<int32_t>(left, static_cast<int32_t>(scratch.size()));
-    m_input.readBlob(scratch.data(), piece);
-    left -= piece;
   }
 }
 
 uint32_t ProxyHelper::FinishIPC() {
   if (m_blobType != RequestToBlob) {
-    if (m_input.GetStreamBuf()) DrainReply();
-    m_input.Clear();
+    if (m_streams.Input().GetStreamBuf()) m_streams.DrainInput(m_replyBodySize);
+    m_streams.Input().Clear();
   }
   const FILETIME now = platform::SystemTimeAsFileTime();
-  TavixPerfmon& perfmon = m_proxy->m_perfmon;
+  TavixPerfmon& perfmon = m_proxy->CallPerfmon();
   perfmon.networkTime = ElapsedMs(&m_startTime, &now) - perfmon.serverTime;
   return 0;
 }

@@ -35,7 +35,7 @@
 
 #include "tavix/core/errors.h"
 #include "tavix/core/shared.h"
-#include "tavix/invoke/message_buffers.h"
+#include "tavix/invoke/call_streams.h"
 #include "tavix/invoke/messages.h"
 #include "tavix/marshal/basic_stream.h"
 #include "tavix/marshal/blob.h"
@@ -80,17 +80,12 @@ class ProxyHelper {
   // Closes the connection (when the call had one) and returns e's code.
   uint32_t OnException(const TavixException& e);
 
-  BasicStream* is() { return &m_input; }
-  BasicStream* os() { return &m_output; }
+  BasicStream* is() { return &m_streams.Input(); }
+  BasicStream* os() { return &m_streams.Output(); }
   // Where a RequestToBlob call records its request.
   const SmartPtr<ITavixBlob>& GetBlob() const { return m_blob; }
 
  private:
-  // The thread's last error, never 0: a failure must not read as success.
-  static uint32_t FailureCode(uint32_t fallback);
-  // Reads what the caller left of the reply body, so that the next reply
-  // header starts at a message boundary.
-  void DrainReply();
   // The end of the request's chain on the connection: the transceiver
   // itself, or for datagrams a buffer that sends the message whole.
   SmartPtr<ITavixStreamBuf> ConnectionLink();
@@ -110,13 +105,12 @@ class ProxyHelper {
   int32_t m_replyBodySize = 0;
   SmartPtr<Connection> m_connection;
   int32_t m_requestId = 0;
-  BasicStream m_input;
-  BasicStream m_output;
   SmartPtr<ITavixStreamBuf> m_downstream;
   SmartPtr<DatagramStreamBuf> m_datagram;  // set on datagram connections
   FILETIME m_startTime = 0;
   SmartPtr<ITavixBlob> m_blob;
-  MessageBuffers m_buffers;
+  // Goes first, while the chain ends above are still held.
+  CallStreams m_streams;
 };
 
 }  // namespace TAVIX

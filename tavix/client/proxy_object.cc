@@ -2,7 +2,6 @@
 
 #include "tavix/client/proxy_helper.h"
 #include "tavix/core/errors.h"
-#include "tavix/core/trace_log.h"
 #include "tavix/invoke/connection.h"
 #include "tavix/runtime/communicator.h"
 #include "tavix/transport/transceiver.h"
@@ -85,24 +84,34 @@ uint32_t ProxyObject::Setup() {
   m_connection->SetTransceiver(transceiver);
   m_connection->SetState(Connection::StateValidating);
 
-  // The validation read itself has no time limit; a server that accepts
-  // but never validates must not hold the caller past the time-out.
-  const uint32_t timeout = Timeout();
-  const bool stream = transceiver->Type() == PASSPORT_TCP;
-  int r = timeout != 0 && stream ? transceiver->WaitForRecv(timeout) : 1;
-  if (r > 0) r = m_connection->Validate(timeout);
-  if (r < 0) {
-    const uint32_t e = LastErrorOr(Err::ConnectionClosed);
+  // A server that accepts but never validates must not hold the caller
+  // past the time-out.
+  if (const Transfer validated = m_connection->ReceiveValidation(Timeout()); validated.Failed()) {
     m_connection->SetState(Connection::StateClosed);
-    std::u16string text;
-    tavixTrace(u"ProxyObject Setup Validate error:%d,%s\n", e, GetErrMsg(e, text));
-    return e;
+    return validated.Code();
   }
   m_connection->SetState(Connection::StateConnected);
   // Known to the communicator, the connection gets its close message when
   // the proxy goes or the runtime shuts down.
   m_communicator->RegisterConnection(m_connection);
   return 0;
+}
+
+void ProxyObject::BeginCall() {
+  m_communicator->BeginCall();
+  m_callLock.lock();
+  m_perfmon.Reset();
+}
+
+void ProxyObject::EndCall() {
+  m_callLock.unlock();
+  m_communicator->EndCall();
+}
+
+uint32_t ProxyObject::ReadyConnection(SmartPtr<Connection>& connection) {
+  const uint32_t r = Setup();
+  if (r == 0) connection = m_connection;
+  return r;
 }
 
 uint32_t ProxyObject::ObjectIsA(const std::u16string& typeId, bool& result) {

@@ -65,6 +65,19 @@ class ProxyObject : public virtual Shared {
 
   static constexpr std::u16string_view kTypeId = u"::TAVIX::Object";
 
+  // The proxy's side of one call, for ProxyHelper. BeginCall counts the
+  // call in the communicator, takes the call lock (recursively) and clears
+  // the perfmon record; EndCall undoes the first two.
+  void BeginCall();
+  void EndCall();
+  // Setup, then the ready connection in `connection`; 0, or the code of
+  // the failure with `connection` untouched. Only while the call lock is
+  // held.
+  uint32_t ReadyConnection(SmartPtr<Connection>& connection);
+  // The record the call in progress fills. Only while the call lock is
+  // held.
+  TavixPerfmon& CallPerfmon() { return m_perfmon; }
+
  protected:
   // Makes the connection ready for a call: connects and validates on the
   // first call, and again after a failure when auto-reconnect is on.
@@ -72,15 +85,14 @@ class ProxyObject : public virtual Shared {
   uint32_t Setup();
 
  private:
-  friend class ProxyHelper;
-
+  // Set by Bind, read by the calls (Bind takes the call lock too).
   SmartPtr<IPassport> m_passport;
   std::u16string m_objectName;
-  SmartPtr<Connection> m_connection;
-  RecLock m_callLock;
   SmartPtr<Communicator> m_communicator;
+  SmartPtr<Connection> m_connection;  // guarded by m_callLock
+  RecLock m_callLock;                 // serialises calls, Setup and Bind
   std::atomic<int32_t> m_autoReconnect{0};
-  TavixPerfmon m_perfmon;
+  TavixPerfmon m_perfmon;             // guarded by m_callLock; read by the caller after its call
 };
 
 // Splits a proxy string as an adapter prints it, "object-id:endpoint" (the

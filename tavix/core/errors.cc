@@ -4,7 +4,6 @@
 #include <array>
 
 #include "tavix/core/text.h"
-#include "tavix/core/trace_log.h"
 #include "tavix/platform/last_error.h"
 
 namespace TAVIX {
@@ -71,7 +70,6 @@ std::string PlatformText(uint32_t code) {
 std::span<const ErrorEntry> ErrorTable() { return kErrorTable; }
 
 void TavixThrow(uint32_t code) {
-  tavixTrace("TavixThrow: ErrorCode = 0x%08X\n", code);
   throw TavixException(code);
 }
 

@@ -3,7 +3,6 @@
 #include <cstdint>
 
 #include "tavix/core/text.h"
-#include "tavix/core/trace_log.h"
 #include "tavix/platform/net.h"
 
 namespace TAVIX {
@@ -12,12 +11,10 @@ HostInfo::HostInfo() {
   char name[32];
   if (!platform::LocalHostName(name, sizeof name)) return;
   m_name = WiddenString(name);
-  tavixTrace(u"Local host name:%s\n", m_name);
   std::vector<uint32_t> addresses;
   if (!platform::ResolveIPv4(name, addresses)) return;
   for (uint32_t address : addresses) {
     m_addresses.push_back(WiddenString(platform::FormatIPv4(address)));
-    tavixTrace(u"Local host IP(%d):%s\n", static_cast<int32_t>(m_addresses.size()), m_addresses.back());
   }
 }
 

@@ -12,12 +12,10 @@ namespace {
 
 [[gnu::constructor(200)]] void OnLibraryLoad() {
   TraceLog::CreateGlobal();
-  tavixTrace("DLL_PROCESS_ATTACH\n");
   TavixInit();
 }
 
 [[gnu::destructor(200)]] void OnLibraryUnload() {
-  tavixTrace("DLL_PROCESS_DETACH\n");
   TavixUninit();
   TraceLog::DestroyGlobal();
 }
@@ -25,12 +23,10 @@ namespace {
 }  // namespace
 
 bool TavixInit() {
-  tavixTrace("TavixInit.\n");
   return true;
 }
 
 bool TavixUninit() {
-  tavixTrace("TavixUninit.\n");
   return true;
 }
 

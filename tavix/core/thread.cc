@@ -1,6 +1,5 @@
 #include "tavix/core/thread.h"
 
-#include "tavix/core/trace_log.h"
 #include "tavix/platform/fault_signals.h"
 #include "tavix/platform/native_thread.h"
 #include "tavix/platform/process.h"
@@ -45,28 +44,26 @@ void Thread::Procedure(void* raw) {
 }
 
 int Thread::Join(uint32_t timeoutMs, bool terminateOnTimeout) {
+  // Held across the join on purpose: a POSIX thread can be joined once, so
+  // joiners take turns, and the one after finds the thread joined.
   std::lock_guard joinGuard(m_joinLock);
   platform::NativeThread* handle = nullptr;
-  uint32_t id = 0;
   {
     ScopedLock guard(m_stateLock);
     if (!m_started) return 1;
     if (!m_handle) return -1;
     handle = m_handle.get();
-    id = m_threadId;
   }
   int result = -1;
   const bool ended = m_ended.load();
   const int rc = handle->Join(ended ? INFINITE_WAIT : timeoutMs);
   if (rc == 1) {
     result = 1;
-    tavixTrace(ended ? "Thread %d has Terminated safely!\n" : "Thread %d Terminate safely!\n", id);
   } else if (rc == 0 && !terminateOnTimeout) {
     return 0;
   } else if (rc == 0) {
     handle->Cancel();
     result = 0;
-    tavixTrace("Thread %d Terminated Unsafely!\n", id);
   }
   ScopedLock guard(m_stateLock);
   if (!m_started) return 1;

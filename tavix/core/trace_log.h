@@ -1,6 +1,7 @@
-// The two tracing paths: tavixTrace, which takes informational texts and
-// discards them, and TraceLog, the process-wide writer of error lines to a
-// UTF-16LE file beside the executable.
+// The two tracing paths: tavixTrace, the exported debug trace, which takes
+// informational texts and discards them (the library itself writes none),
+// and TraceLog, the process-wide writer of error lines to a UTF-16LE file
+// beside the executable.
 #ifndef TAVIX_CORE_TRACE_LOG_H_
 #define TAVIX_CORE_TRACE_LOG_H_
 

@@ -18,7 +18,7 @@
 #include <thread>
 
 #include "tavix/diag/exception_codes.h"
-#include "tavix/diag/report_test_util.h"
+#include "tavix/testing/report_files.h"
 
 // This program's file version, as a program names it for its reports.
 extern "C" const char tavix_file_version[] = "1, 0, 0, 2";

@@ -161,9 +161,12 @@ void WriteReport(ReportFile& out, const platform::FaultEvent& fault, bool withVa
 }
 
 // Under the report lock.
-void WriteLocked(const char* path, const platform::FaultEvent& fault, bool withVariables) {
+// True when the whole report reached the file.
+bool WriteLocked(const char* path, const platform::FaultEvent& fault, bool withVariables) {
   ReportFile file;
-  if (path[0] != '\0' && file.Open(path)) WriteReport(file, fault, withVariables);
+  if (path[0] == '\0' || !file.Open(path)) return false;
+  WriteReport(file, fault, withVariables);
+  return file.Complete();
 }
 
 // The fault handlers' callback: every fault of the process, on the
@@ -209,23 +212,24 @@ std::string ExceptionReport::PathFor(const std::string& executable) {
   return executable + ".RPT";
 }
 
-uint32_t ExceptionReport::WriteTo(const std::string& path, const platform::FaultEvent& fault, bool withVariables) {
+bool ExceptionReport::WriteTo(const std::string& path, const platform::FaultEvent& fault, bool withVariables) {
   const ReportLock lock;
-  WriteLocked(path.c_str(), fault, withVariables);
-  return 1;
+  return WriteLocked(path.c_str(), fault, withVariables);
 }
 
-void ExceptionReport::WriteCurrent(const std::string& path, bool withVariables) {
+bool ExceptionReport::WriteCurrent(const std::string& path, bool withVariables) {
   struct Request {
     const std::string& path;
     bool withVariables;
-  } request{path, withVariables};
+    bool written;
+  } request{path, withVariables, false};
   platform::WithCurrentContext(
       [](const platform::FaultEvent& now, void* raw) {
-        const auto& r = *static_cast<const Request*>(raw);
-        WriteTo(r.path, now, r.withVariables);
+        auto& r = *static_cast<Request*>(raw);
+        r.written = WriteTo(r.path, now, r.withVariables);
       },
       &request);
+  return request.written;
 }
 
 const FaultRecord* ExceptionReport::Recovered(const platform::FaultSummary& summary) {

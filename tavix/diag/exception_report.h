@@ -36,11 +36,12 @@ class ExceptionReport {
   // the executable itself.
   static std::string PathFor(const std::string& executable);
 
-  // Appends a report of `fault` (its context walked) to `path`; an empty
-  // path writes nothing. Returns 1.
-  static uint32_t WriteTo(const std::string& path, const platform::FaultEvent& fault, bool withVariables);
-  // Appends a report of the calling thread as it is now.
-  static void WriteCurrent(const std::string& path, bool withVariables);
+  // Appends a report of `fault` (its context walked) to `path`. True when
+  // the whole report reached the file; false when the path is empty, the
+  // file cannot be opened or replaced, or a write fell short.
+  static bool WriteTo(const std::string& path, const platform::FaultEvent& fault, bool withVariables);
+  // Appends a report of the calling thread as it is now; as WriteTo.
+  static bool WriteCurrent(const std::string& path, bool withVariables);
 
   // Runs body(). A fault of its code is reported (with variables) and ends
   // it: the result is false and `fault` points at this thread's record of

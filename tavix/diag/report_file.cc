@@ -32,6 +32,7 @@ void ReportFile::WriteFormatted(std::u16string_view format, std::span<const Form
   const size_t bytes = static_cast<size_t>(n) * sizeof(char16_t);
   const int64_t written = m_file.WriteAt(g_piece.data(), bytes, m_offset);
   if (written > 0) m_offset += static_cast<uint64_t>(written);
+  if (written != static_cast<int64_t>(bytes)) m_shortWrite = true;
 }
 
 }  // namespace TAVIX

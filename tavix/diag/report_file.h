@@ -33,11 +33,15 @@ class ReportFile {
     WriteFormatted(format, list);
   }
 
+  // Every piece since Open reached the file whole.
+  bool Complete() const { return m_file.IsOpen() && !m_shortWrite; }
+
  private:
   void WriteFormatted(std::u16string_view format, std::span<const FormatArg> args);
 
   platform::File m_file;
   uint64_t m_offset = 0;
+  bool m_shortWrite = false;
 };
 
 }  // namespace TAVIX

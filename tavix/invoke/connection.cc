@@ -27,15 +27,14 @@ namespace TAVIX {
 namespace {
 
 constexpr size_t kLabelLimit = 64;
-constexpr int32_t kUdp = 2;
 
 // Sends one header-only message of the given type.
-int SendHeaderOnly(ITransceiver& transceiver, MessageType type) {
+Transfer SendHeaderOnly(ITransceiver& transceiver, MessageType type) {
   MsgHeaderData header;
   header.Init(type);
   uint8_t bytes[HEADER_SIZE];
   header.Encode(bytes);
-  return transceiver.Send(bytes, HEADER_SIZE);
+  return Transfer::Of(transceiver.Send(bytes, HEADER_SIZE));
 }
 
 // "handle(address:port)" of the socket's peer as the platform sees it, or
@@ -54,7 +53,7 @@ std::u16string ClientLabel(int32_t handle) {
 // Logs the exception being handled and gives the disconnect reason it
 // stands for. Thread cancellation is not handled here: callers let it
 // unwind on.
-int32_t LogCaughtException() {
+TavixDisconnectReason LogCaughtException() {
   try {
     throw;
   } catch (const TavixException& e) {
@@ -76,8 +75,33 @@ int32_t LogCaughtException() {
   }
 }
 
-void LogReceiveError(int32_t received, uint32_t error) {
-  TraceLog::Write(u"ERROR: Receive packect error(%d): %d,%s\n", received, error, ErrorText(error));
+void LogReceiveError(const Transfer& received) {
+  TraceLog::Write(u"ERROR: Receive packect error(%d): %d,%s\n", received.Number(), received.Code(),
+                  ErrorText(received.Code()));
+}
+
+void LogNetworkClosed(const Transfer& received) {
+  TraceLog::Write(u"ERROR: Network Closed when receive packect(%d).\n", received.Number());
+}
+
+// Logs why the wait for a request's header failed and gives the disconnect
+// reason that stands for.
+TavixDisconnectReason HeaderFailure(const Transfer& received) {
+  switch (received.State()) {
+    case TransferState::kSystemError:
+    case TransferState::kLibraryError:
+      LogReceiveError(received);
+      return DISCONNECT_RECV_ERROR;
+    case TransferState::kPeerClosed:
+    case TransferState::kClosed:
+      LogNetworkClosed(received);
+      return DISCONNECT_NETWORK_CLOSED;
+    case TransferState::kDone:
+    case TransferState::kUnknown:
+      break;
+  }
+  TraceLog::Write(u"ERROR: Unknown error when receive packect(%d).\n", received.Number());
+  return DISCONNECT_OTHER_ERROR;
 }
 
 void LogUnsupportedType() {
@@ -153,52 +177,40 @@ Connection::connectionState Connection::GetState() {
   return m_state;
 }
 
-int Connection::SendValidation() {
-  if (m_transceiver->Type() == kUdp) return 0;
-  return SendHeaderOnly(*m_transceiver, MSG_VALIDATE);
-}
+int Connection::SendValidation() { return SendValidationMessage().Result(); }
 
-int Connection::Validate(uint32_t timeoutMs) {
-  if (m_transceiver->Type() == kUdp) return 0;
-  // A server that never validates must not hold the client for ever when
-  // the client asked for a limit.
-  if (timeoutMs != 0) {
-    const int waited = m_transceiver->WaitForRecv(timeoutMs);
-    if (waited < 0) return waited;
-  }
-  uint8_t bytes[HEADER_SIZE];
-  const int received = m_transceiver->Recvn(bytes, HEADER_SIZE);
-  if (received < 0) return received;
-  if (received == 0) {
-    TavixSetLastError(Err::ConnectionClosed);
-    return -2;
-  }
-  MsgHeaderData header;
-  header.Decode(bytes);
-  if (const uint32_t code = header.Check(); code != 0) {
-    TavixSetLastError(code);
-    return -2;
-  }
-  if (header.type != MSG_VALIDATE) {
-    TavixSetLastError(Err::ValidateFail);
-    return -2;
-  }
-  return received;
+int Connection::Validate(uint32_t timeoutMs) { return ReceiveValidation(timeoutMs).Result(); }
+
+int Connection::RecvPacketHeader(MsgHeaderData& header, uint32_t timeoutMs) {
+  return ReceiveHeader(header, timeoutMs).Result();
 }
 
 void Connection::SendCloseMsg() {
   if (m_transceiver) SendHeaderOnly(*m_transceiver, MSG_CLOSE);
 }
 
-int Connection::RecvPacketHeader(MsgHeaderData& header, uint32_t timeoutMs) {
+Transfer Connection::SendValidationMessage() {
+  if (m_transceiver->Type() == PASSPORT_UDP) return Transfer::Done(0);
+  return SendHeaderOnly(*m_transceiver, MSG_VALIDATE);
+}
+
+// A server that never validates must not hold the client for ever when
+// the client asked for a limit: the wait for the message is bounded.
+Transfer Connection::ReceiveValidation(uint32_t timeoutMs) {
+  if (m_transceiver->Type() == PASSPORT_UDP) return Transfer::Done(0);
+  MsgHeaderData header;
+  const Transfer received = ReceiveHeader(header, timeoutMs);
+  if (received.State() == TransferState::kPeerClosed) return Transfer::LibraryError(Err::ConnectionClosed);
+  if (received.Ok() && header.type != MSG_VALIDATE) return Transfer::LibraryError(Err::ValidateFail);
+  return received;
+}
+
+Transfer Connection::ReceiveHeader(MsgHeaderData& header, uint32_t timeoutMs) {
   uint8_t bytes[HEADER_SIZE];
-  const int received = m_transceiver->RecvMessageStart(bytes, HEADER_SIZE, timeoutMs);
-  if (received <= 0) return received;
+  const Transfer received = Transfer::Of(m_transceiver->RecvMessageStart(bytes, HEADER_SIZE, timeoutMs));
+  if (!received.Ok()) return received;
   header.Decode(bytes);
-  if (const uint32_t code = header.Check(); code != 0) {
-    TavixSetLastError(code);
-    return -2;
-  }
+  if (const uint32_t code = header.Check(); code != 0) return Transfer::LibraryError(code);
   return received;
 }
 
@@ -237,7 +249,6 @@ bool Connection::WaitUntilDestroy(uint64_t deadlineTick) {
       return false;
     }
   }
-  tavixTrace("%d m_Transceiver closed\n", platform::ThreadId());
   if (m_transceiver) m_transceiver->Close();
   // The factory may hold the last reference to this connection: it goes
   // last, after which nothing here is touched.
@@ -277,7 +288,7 @@ uint32_t ThreadPerConnection::Run() {
 }
 
 int Connection::Run() {
-  const int32_t type = m_transceiver ? m_transceiver->Type() : 0;
+  const PassportType type = m_transceiver ? m_transceiver->Type() : PASSPORT_NONE;
   const int32_t handle = m_transceiver ? m_transceiver->GetHandle() : INVALID_SOCKET;
   if (handle == INVALID_SOCKET) {
     TraceLog::Write(u"ERROR: Uninitialize connection.\n");
@@ -289,16 +300,16 @@ int Connection::Run() {
   const std::u16string label = ClientLabel(handle);
   TraceLog::Write(u"Thread for client %s started.\n", label);
 
-  int32_t reason = DISCONNECT_NORMAL;
+  TavixDisconnectReason reason = DISCONNECT_NORMAL;
   try {
-    if (SendValidation() < 0) {
-      const uint32_t error = TavixGetLastError();
-      TraceLog::Write(u"ERROR: Send Validation message to client failed:%d,%s.\n", error, ErrorText(error));
+    if (const Transfer sent = SendValidationMessage(); sent.Failed()) {
+      TraceLog::Write(u"ERROR: Send Validation message to client failed:%d,%s.\n", sent.Code(),
+                      ErrorText(sent.Code()));
       m_transceiver->Close();
       if (m_factory) m_factory->ConnectionClosed(SmartPtr<Connection>(this), DISCONNECT_RECV_ERROR);
       return 0;
     }
-    reason = type == kUdp ? ServeDatagrams() : Serve();
+    reason = type == PASSPORT_UDP ? ServeDatagrams() : Serve();
   } catch (const abi::__forced_unwind&) {
     throw;  // thread cancellation must unwind on
   } catch (...) {
@@ -308,38 +319,25 @@ int Connection::Run() {
   m_transceiver->Close();
 
   if (m_factory) {
-    const auto why = static_cast<TavixDisconnectReason>(reason);
     // Once ConnectionClosed has this connection the factory may reap it:
     // only the label on this stack is used afterwards.
     if (GetActivate()) {
-      m_factory->ConnectionClosed(SmartPtr<Connection>(this), why);
+      m_factory->ConnectionClosed(SmartPtr<Connection>(this), reason);
     } else {
-      m_factory->ConnectionClosed(SmartPtr<Connection>(), why);
+      m_factory->ConnectionClosed(SmartPtr<Connection>(), reason);
     }
   }
   TraceLog::Write(u"Thread for client %s stoped.\n", label);
   return 0;
 }
 
-int32_t Connection::Serve() {
+TavixDisconnectReason Connection::Serve() {
   for (;;) {
     if (!GetActivate()) return DISCONNECT_NORMAL;
     MsgHeaderData header;
-    const int received = RecvPacketHeader(header, 0);
-    const uint32_t error = TavixGetLastError();
+    const Transfer received = ReceiveHeader(header, 0);
     if (!GetActivate()) return DISCONNECT_NORMAL;
-    if (received == -1 || received == -2) {
-      LogReceiveError(received, error);
-      return DISCONNECT_RECV_ERROR;
-    }
-    if (received == 0 || received == -3) {
-      TraceLog::Write(u"ERROR: Network Closed when receive packect(%d).\n", received);
-      return DISCONNECT_NETWORK_CLOSED;
-    }
-    if (received < 1) {
-      TraceLog::Write(u"ERROR: Unknown error when receive packect(%d).\n", received);
-      return DISCONNECT_OTHER_ERROR;
-    }
+    if (!received.Ok()) return HeaderFailure(received);
     switch (header.type) {
       case MSG_REQUEST: {
         ObjectHelper request(*this, *m_factory->GetHost(), header.size);
@@ -355,20 +353,20 @@ int32_t Connection::Serve() {
   }
 }
 
-int32_t Connection::ServeDatagrams() {
+TavixDisconnectReason Connection::ServeDatagrams() {
   const SmartPtr<DatagramStreamBuf> link = MakeShared<DatagramStreamBuf>(m_transceiver);
   for (;;) {
     if (!GetActivate()) return DISCONNECT_NORMAL;
-    int32_t received = m_transceiver->WaitForRecv(0);
-    if (received > 0) received = link->Receive();
-    const uint32_t error = TavixGetLastError();
+    Transfer received = Transfer::Of(m_transceiver->WaitForRecv(0));
+    if (received.Ok()) received = link->Receive();
     if (!GetActivate()) return DISCONNECT_NORMAL;
-    if (received == -3) {
-      TraceLog::Write(u"ERROR: Network Closed when receive packect(%d).\n", received);
+    if (received.State() == TransferState::kClosed) {
+      LogNetworkClosed(received);
       return DISCONNECT_NETWORK_CLOSED;
     }
-    if (received < 0) {
-      LogReceiveError(received, error);
+    // An empty datagram is handled as the too-short message it is.
+    if (received.Failed()) {
+      LogReceiveError(received);
       continue;
     }
     try {
@@ -394,7 +392,7 @@ void Connection::HandleDatagram(const SmartPtr<DatagramStreamBuf>& datagram) {
     if (code == 0 && header.size != size) code = Err::IllegalSize;
   }
   if (code != 0) {
-    LogReceiveError(-2, code);
+    LogReceiveError(Transfer::LibraryError(code));
     return;
   }
   if (header.type == MSG_CLOSE) return;  // a UDP client's goodbye ends nothing
@@ -415,10 +413,7 @@ void Connection::HandleDatagram(const SmartPtr<DatagramStreamBuf>& datagram) {
     WriteStatusReply(datagram, requestId, Err::IllegalBufferSize);
   }
   // A failed send is reported as it is on a stream: as the exception.
-  if (link.SendGathered() < 0) {
-    const uint32_t error = TavixGetLastError();
-    TavixThrow(error != 0 ? error : Err::ConnectionClosed);
-  }
+  if (const Transfer sent = link.SendGathered(); sent.Failed()) TavixThrow(sent.Code());
 }
 
 }  // namespace TAVIX

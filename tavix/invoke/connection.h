@@ -15,6 +15,7 @@
 #include "tavix/invoke/messages.h"
 #include "tavix/invoke/object_host.h"
 #include "tavix/platform/clock.h"
+#include "tavix/transport/transfer.h"
 
 namespace TAVIX {
 
@@ -71,7 +72,8 @@ class Connection : public virtual Shared {
 
   // The int results follow the transport convention: a positive count, 0
   // when the peer closed, -1 platform error, -2 library code (both left as
-  // the thread's last error), -3 transceiver closed.
+  // the thread's last error), -3 transceiver closed. Each is the number of
+  // the Transfer of its named form below.
 
   // Server: sends the header-only validation message (none over UDP).
   int SendValidation();
@@ -83,6 +85,12 @@ class Connection : public virtual Shared {
   // Waits for, reads, decodes and checks one header; 0 waits without
   // limit. The message type is left to the caller.
   int RecvPacketHeader(MsgHeaderData& header, uint32_t timeoutMs);
+
+  // The named forms. Over UDP there is no validation message: both
+  // validation steps are Done(0) at once.
+  Transfer SendValidationMessage();
+  Transfer ReceiveValidation(uint32_t timeoutMs);
+  Transfer ReceiveHeader(MsgHeaderData& header, uint32_t timeoutMs);
 
   // Server: starts the serving thread (once); true while it may run.
   bool Activate();
@@ -101,10 +109,13 @@ class Connection : public virtual Shared {
   // Server: the request being handled, for the log of an abandoned one.
   void BeginRequest(const std::u16string& object, const std::u16string& operation);
   void EndRequest();
+  // Server: the context kept from one request to the next so that its
+  // strings reuse their room. Only the borrower of the buffers uses it.
+  Context& KeptContext() { return m_keptContext; }
 
  private:
-  friend class ThreadPerConnection;
-  friend class ObjectHelper;
+  friend class ThreadPerConnection;  // runs Run
+  friend class ObjectHelper;         // marks the request in progress (SetInServant)
 
   // Gives up on a serving thread that outlived the shutdown's deadline.
   void Abandon();
@@ -113,11 +124,11 @@ class Connection : public virtual Shared {
   int Run();
   // The loop of Run after the validation message went out; returns the
   // disconnect reason.
-  int32_t Serve();
+  TavixDisconnectReason Serve();
   // The loop on a datagram transceiver: every datagram is one message. A
   // bad datagram is logged and dropped; only Destroy (or a closed
   // transceiver) ends the loop.
-  int32_t ServeDatagrams();
+  TavixDisconnectReason ServeDatagrams();
   void HandleDatagram(const SmartPtr<DatagramStreamBuf>& datagram);
 
   void SetActivate(bool on) { m_activated.store(on ? 1 : 0); }

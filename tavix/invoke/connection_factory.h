@@ -19,8 +19,11 @@ class IConnectionFactory : public virtual Shared {
  public:
   ~IConnectionFactory() override = default;
 
-  // Starts listening and serving; true when the factory is active.
+  // Starts listening and serving; true when the factory is active. False
+  // leaves the reason as the thread's last error.
   virtual bool Activate() = 0;
+  // Listening (or bound) and serving.
+  virtual bool IsActive() const = 0;
   // Asks every live connection to end, without waiting.
   virtual void Destroy() = 0;
   // Called by a connection's serving thread as it ends; `connection` may be

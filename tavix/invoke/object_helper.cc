@@ -1,8 +1,5 @@
 #include "tavix/invoke/object_helper.h"
 
-#include <algorithm>
-#include <array>
-
 #include "tavix/core/errors.h"
 #include "tavix/core/text.h"
 #include "tavix/diag/exception_report.h"
@@ -24,26 +21,24 @@ ObjectHelper::ObjectHelper(Connection& connection, IObjectHost& host, int32_t me
       m_link(link ? link : connection.StreamLink()) {
   m_reply.requestId = -1;
   m_connection.SetInServant(true);
-  if (m_connection.BorrowBuffers(m_buffers)) m_context = &m_connection.m_keptContext;
-  AttachMessageBuffer(m_input, m_buffers.Input(), m_bodySize, m_link);
+  if (m_streams.Borrow(m_connection)) m_context = &m_connection.KeptContext();
+  AttachMessageBuffer(m_streams.Input(), m_streams.InputBuffer(), m_bodySize, m_link);
   m_socket = static_cast<uint32_t>(m_connection.GetTransceiver()->GetHandle());
 }
 
 ObjectHelper::~ObjectHelper() {
-  if (m_buffers.Borrowed()) {
-    m_input.Attach(nullptr);
-    m_output.Attach(nullptr);
-    m_connection.ReturnBuffers();
-  }
+  m_streams.Release();
   m_connection.EndRequest();
   m_connection.SetInServant(false);
 }
 
 void ObjectHelper::Invoke() {
   Context& context = *m_context;
-  RequestHead::read(m_input, m_reply.requestId, context.objectName, context.operation);
+  RequestHead::read(m_streams.Input(), m_reply.requestId, context.objectName, context.operation);
   context.connectionId = m_socket;
   context.oneway = m_reply.requestId == 0 ? 1 : 0;
+  // What a skeleton writes for a one-way request has nowhere to go.
+  if (context.oneway != 0) m_streams.Output().Attach(DiscardStreamBuf::Instance());
   m_connection.BeginRequest(context.objectName, context.operation);
   // A datagram transceiver leaves the peer as it finds it.
   context.peerAddress.clear();
@@ -55,14 +50,14 @@ void ObjectHelper::Invoke() {
   } else {
     Dispatch();
   }
-  DrainBody();
-  m_input.Clear();
+  m_streams.DrainInput(m_bodySize);
+  m_streams.Input().Clear();
 
   if (m_context->oneway == 0) {
     // A servant that never finished still owes its client an answer.
     if (!m_finished) FinishServant(Err::Unhandled, 0);
-    m_output.Flush();
-    m_output.Clear();
+    m_streams.Output().Flush();
+    m_streams.Output().Clear();
   }
 }
 
@@ -90,13 +85,6 @@ void ObjectHelper::Dispatch() {
   if (!ExceptionReport::RunRecoverable(call, fault)) throw Win32SE(fault);
 }
 
-void ObjectHelper::DrainBody() {
-  std::array<uint8_t, 4096> sink;
-  for (int32_t left = m_bodySize - m_input.Size(); left > 0; left = m_bodySize - m_input.Size()) {
-    m_input.readBlob(sink.data(), std::min<int32_t>(left, static_cast<int32_t>(sink.size())));
-  }
-}
-
 void ObjectHelper::PrepareServant() {
   if (m_context->oneway == 0) m_startTime = platform::SystemTimeAsFileTime();
 }
@@ -108,9 +96,10 @@ void ObjectHelper::FinishServant(uint32_t status, int32_t resultLength, const FI
   // A reply made before any servant ran has no start to measure from.
   m_reply.serverTime = m_startTime == 0 ? 0.0 : ElapsedMs(&m_startTime, &endTime);
   m_replySize += HEADER_SIZE + ReplyHead::lengthOf() + resultLength;
-  AttachMessageBuffer(m_output, m_buffers.Output(), m_replySize, m_link);
-  WriteMessageHeader(m_output, MSG_REPLY, m_replySize);
-  m_reply.write(m_output);
+  BasicStream& out = m_streams.Output();
+  AttachMessageBuffer(out, m_streams.OutputBuffer(), m_replySize, m_link);
+  WriteMessageHeader(out, MSG_REPLY, m_replySize);
+  m_reply.write(out);
 }
 
 void ObjectHelper::FinishServant(uint32_t status, int32_t resultLength) {

@@ -9,7 +9,7 @@
 #include <cstdint>
 
 #include "tavix/core/shared.h"
-#include "tavix/invoke/message_buffers.h"
+#include "tavix/invoke/call_streams.h"
 #include "tavix/invoke/messages.h"
 #include "tavix/marshal/basic_stream.h"
 #include "tavix/platform/clock.h"
@@ -39,8 +39,8 @@ class ObjectHelper {
   void Invoke();
 
   // The request body after the RequestHead, and the reply.
-  BasicStream* is() { return &m_input; }
-  BasicStream* os() { return &m_output; }
+  BasicStream* is() { return &m_streams.Input(); }
+  BasicStream* os() { return &m_streams.Output(); }
   const Context& GetContext() const { return *m_context; }
 
   // Skeletons call this once their in-parameters are read: the start of
@@ -54,9 +54,6 @@ class ObjectHelper {
 
  private:
   void Dispatch();
-  // Reads and drops what the servant left of the body, so that the next
-  // header read starts at a message boundary.
-  void DrainBody();
 
   // The connection's kept context when it could lend its buffers,
   // otherwise our own.
@@ -69,10 +66,8 @@ class ObjectHelper {
   IObjectHost& m_host;
   uint32_t m_socket = 0;
   FILETIME m_startTime = 0;
-  BasicStream m_input;
-  BasicStream m_output;
   const SmartPtr<ITavixStreamBuf>& m_link;
-  MessageBuffers m_buffers;
+  CallStreams m_streams;
   bool m_finished = false;
 };
 

@@ -70,7 +70,7 @@ int32_t ITavixStreamBuf::sputPair(const void* first, int32_t firstCount, const v
 // ---- Buffer ----
 
 int32_t Buffer::WriteThroughLink(const void* data, int32_t count) {
-  if (!m_streamBuf) return 0;
+  if (!m_streamBuf) TavixThrow(Err::NullPointer);
   const int32_t r = m_streamBuf->sputn(data, count);
   if (r == 0) TavixThrow(Err::OutOfBounds);
   return r;
@@ -79,7 +79,7 @@ int32_t Buffer::WriteThroughLink(const void* data, int32_t count) {
 // All `count` bytes or the exception: a message that ends inside a value
 // is as wrong as one that ends before it.
 int32_t Buffer::ReadThroughLink(void* data, int32_t count) {
-  if (!m_streamBuf) return 0;
+  if (!m_streamBuf) TavixThrow(Err::NullPointer);
   const int32_t r = m_streamBuf->sgetn(data, count);
   if (r < count) TavixThrow(Err::OutOfBounds);
   return r;
@@ -125,11 +125,9 @@ void BasicStream::readSize(int32_t& n) {
   n = value;
 }
 
-bool BasicStream::readCount(int32_t& n) {
-  if (!GetStreamBuf()) return false;
+void BasicStream::readCount(int32_t& n) {
   n = 0;
   readSize(n);
-  return true;
 }
 
 void BasicStream::writeBlob(const void* data, int32_t count) {
@@ -143,7 +141,10 @@ void BasicStream::readBlob(void* data, int32_t count) {
 void BasicStream::writeBlob(const SmartPtr<ITavixBlob>& blob) {
   if (!blob) TavixThrow(Err::NullPointer);
   const uint64_t size = blob->Size();
-  if (size >= 1 && size != kBlobFailure) writeBlobContent(*blob, size);
+  // A blob that cannot tell its size cannot be sent: writing nothing would
+  // leave its place in the message empty and the message short.
+  if (size == kBlobFailure) TavixThrow(Err::BlobIoError);
+  if (size >= 1) writeBlobContent(*blob, size);
 }
 
 // Memory content goes in one transfer; file content in large pieces
@@ -218,7 +219,7 @@ void BasicStream::write(const std::u16string& v) {
 template <class Text>
 void BasicStream::readText(Text& v) {
   int32_t n = 0;
-  if (!readCount(n)) return;
+  readCount(n);
   constexpr int32_t kUnit = sizeof(typename Text::value_type);
   constexpr int32_t kPerPiece = static_cast<int32_t>(kNumberPiece / kUnit);
   v.clear();
@@ -259,7 +260,7 @@ void BasicStream::write(const SmartPtr<ITavixBlob>& v) {
 
 void BasicStream::read(SmartPtr<ITavixBlob>& v) {
   int32_t n = 0;
-  if (!readCount(n)) return;
+  readCount(n);
   if (n == 0) {
     v = nullptr;
     return;
@@ -335,7 +336,7 @@ void BasicStream::writeNumbers(const std::vector<T>& v) {
 template <class T>
 void BasicStream::readNumbers(std::vector<T>& v) {
   int32_t n = 0;
-  if (!readCount(n)) return;
+  readCount(n);
   const int64_t bytes = int64_t{n} * static_cast<int64_t>(sizeof(T));
   if (bytes <= kNumberPiece) {
     v.resize(static_cast<size_t>(n));
@@ -365,7 +366,7 @@ void BasicStream::writeEach(const std::vector<T>& v) {
 template <class T>
 void BasicStream::readEach(std::vector<T>& v) {
   int32_t count = 0;
-  if (!readCount(count)) return;
+  readCount(count);
   const auto n = static_cast<size_t>(count);
   for (size_t i = 0; i < n; ++i) {
     if (i == v.size()) v.emplace_back();
@@ -381,7 +382,7 @@ void BasicStream::write(const std::vector<bool>& v) {
 
 void BasicStream::read(std::vector<bool>& v) {
   int32_t n = 0;
-  if (!readCount(n)) return;
+  readCount(n);
   v.clear();
   for (int32_t i = 0; i < n; ++i) {
     uint8_t b = 0;

@@ -78,9 +78,9 @@ class Buffer {
   void Attach(std::nullptr_t) { m_streamBuf = nullptr; }
   const SmartPtr<ITavixStreamBuf>& GetStreamBuf() const { return m_streamBuf; }
 
-  // Without a stream buffer both do nothing and return 0. A transfer that
-  // moves nothing raises Err::OutOfBounds; any other result, a negative
-  // one included, is returned.
+  // Without a stream buffer both raise Err::NullPointer: bytes are never
+  // dropped unseen. A transfer that moves nothing raises Err::OutOfBounds;
+  // any other result, a negative one included, is returned.
   int32_t WriteToStream(const void* data, int32_t count) {
     ITavixStreamBuf* const link = m_streamBuf.get();
     if (link != nullptr && count > 0 && count <= link->m_putEnd - link->m_putNext) {
@@ -240,8 +240,8 @@ class BasicStream : public Buffer {
   // the bytes that arrive; returns how many it read, which falls short of
   // `n` only when the blob stopped being a memory blob as it grew.
   int32_t readIntoMemory(ITavixBlob& blob, int32_t n);
-  // False, and n untouched, when no stream buffer is attached.
-  bool readCount(int32_t& n);
+  // A sequence's count (readSize into a zeroed n).
+  void readCount(int32_t& n);
 
   // At least `bytes` of scratch for blob content.
   uint8_t* blobScratch(int32_t bytes);

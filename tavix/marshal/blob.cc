@@ -9,7 +9,6 @@
 #include "tavix/core/errors.h"
 #include "tavix/core/format.h"
 #include "tavix/core/text.h"
-#include "tavix/core/trace_log.h"
 #include "tavix/platform/last_error.h"
 #include "tavix/platform/process.h"
 
@@ -42,12 +41,10 @@ TavixBlob::TavixBlob(const char* name) : m_deleteOnClose(false), m_type(FileBlob
 }
 
 TavixBlob::~TavixBlob() {
-  // Clean-up failures are nobody's concern but the trace's.
+  // Clean-up is best effort: a destructor has nobody to tell.
   const EnsureLastError keep;
   if (m_type == FileBlob) {
-    if (!m_deleteOnClose && m_file.IsOpen() && !m_file.Truncate(m_size)) {
-      tavixTrace("SetEndOfFile error:%d\n", platform::LastError());
-    }
+    if (!m_deleteOnClose && m_file.IsOpen()) m_file.Truncate(m_size);
     CloseFileBlob();
     if (m_deleteOnClose && !m_fileName.empty()) platform::File::Remove(PathOf(m_fileName));
   }
@@ -159,7 +156,6 @@ bool TavixBlob::CapacityOfFile(uint64_t capacity) {
   // The file is extended ahead of the data; a kept file is trimmed back to
   // the content's size when the blob goes.
   if (!m_file.Truncate(capacity)) {
-    tavixTrace("SetEndOfFile error: LastError=%d\n", platform::LastError());
     return false;
   }
   m_capacity = capacity;
@@ -175,7 +171,6 @@ bool TavixBlob::MoveToFile(uint64_t capacity) {
                                          static_cast<int64_t>(m_size));
   if (!moved) {
     const uint32_t error = platform::LastError();
-    tavixTrace("WriteFile error: LastError=%d\n", error);
     CloseFileBlob();
     if (m_deleteOnClose) {
       platform::File::Remove(PathOf(m_fileName));
@@ -196,13 +191,11 @@ bool TavixBlob::OpenFileBlob() {
   if (m_fileName.empty()) {
     if (!CreateTemporaryFile()) return false;
   } else if (!m_file.Open(PathOf(m_fileName), platform::File::Mode::kReadWrite)) {
-    tavixTrace("CreateFile error: LastError=%d\n", platform::LastError());
     return false;
   }
   if (m_type == FileBlob) {
     // A length the platform cannot tell is taken as an empty file.
     const int64_t length = m_file.Size();
-    if (length < 0) tavixTrace("GetFileSize error: LastError=%d\n", platform::LastError());
     m_size = m_capacity = length < 0 ? 0 : static_cast<uint64_t>(length);
   }
   return true;
@@ -212,7 +205,6 @@ void TavixBlob::CloseFileBlob() { m_file.Close(); }
 
 int32_t TavixBlob::WriteToFile(const void* data, int32_t count, uint64_t offset) {
   if (m_file.WriteAt(data, static_cast<size_t>(count), offset) < 0) {
-    tavixTrace("WriteFile error: LastError=%d\n", platform::LastError());
     CloseFileBlob();
     return kFailed;
   }
@@ -261,7 +253,6 @@ bool TavixBlob::CreateTemporaryFile() {
       return true;
     }
     if (platform::LastError() != EEXIST) {
-      tavixTrace("CreateFile error: LastError=%d\n", platform::LastError());
       return false;
     }
   }

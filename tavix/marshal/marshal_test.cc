@@ -17,7 +17,7 @@
 #include "tavix/core/text.h"
 #include "tavix/invoke/messages.h"
 #include "tavix/marshal/blob.h"
-#include "tavix/marshal/marshal_test_util.h"
+#include "tavix/testing/outcomes.h"
 #include "tavix/marshal/message_header.h"
 #include "tavix/marshal/stream_buffers.h"
 #include "tavix/platform/process.h"
@@ -245,6 +245,13 @@ class BrokenBlob : public TavixBlob {
   int32_t Read(void*, int32_t, uint64_t) override { return -2; }
 };
 
+// A blob whose size cannot be told.
+class SizelessBlob : public TavixBlob {
+ public:
+  SizelessBlob() : TavixBlob(FileBlob) {}
+  uint64_t Size() override { return kBlobFailure; }
+};
+
 TEST(BasicStreamFaults, ShortInputForgedCountsBrokenBlobAndMissingStreamBuffer) {
   std::string text;
   int32_t value = 0;
@@ -255,11 +262,22 @@ TEST(BasicStreamFaults, ShortInputForgedCountsBrokenBlobAndMissingStreamBuffer) 
   SmartPtr<ITavixBlob> broken(new BrokenBlob());
   ASSERT_EQ(broken->Append("x", 1), 1);
   EXPECT_EQ(CodeOf([&] { Encode([&](BasicStream& s) { s.write(broken); }); }), Err::OutOfBounds);
-  // Without a stream buffer nothing moves, nothing is raised and targets keep their values.
+  // Without a stream buffer every transfer raises; nothing is dropped unseen and targets keep their values.
   BasicStream bare;
   std::string keep = "keep";
-  EXPECT_EQ(CodeOf([&] { bare.write(std::string("x")), bare.writeSize(300), bare.read(keep), bare.read(value); }), 0u);
-  EXPECT_EQ(keep, "keep");
+  value = 7;
+  EXPECT_EQ(CodeOf([&] { bare.write(std::string("x")); }), Err::NullPointer);
+  EXPECT_EQ(CodeOf([&] { bare.writeSize(300); }), Err::NullPointer);
+  EXPECT_EQ(CodeOf([&] { bare.read(keep); }), Err::NullPointer);
+  EXPECT_EQ(CodeOf([&] { bare.read(value); }), Err::NullPointer);
+  EXPECT_EQ(std::tuple(keep, value), std::tuple(std::string("keep"), 7));
+  // A blob that cannot tell its size is refused, not written as nothing.
+  SmartPtr<ITavixBlob> sizeless(new SizelessBlob());
+  SmartPtr<StreamMemBuf> mem(new StreamMemBuf());
+  BasicStream out;
+  out.Attach(mem);
+  EXPECT_EQ(CodeOf([&] { out.writeBlob(sizeless); }), Err::BlobIoError);
+  EXPECT_EQ(mem->size(), 0);
   // Forged counts cost only the bytes that arrive.
   std::vector<int64_t> numbers;
   EXPECT_EQ(CodeOf([&] { Decoder(B({0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 1, 2, 3, 4})).stream.read(numbers); }),

@@ -5,7 +5,6 @@
 #include <new>
 
 #include "tavix/core/errors.h"
-#include "tavix/core/trace_log.h"
 
 namespace TAVIX {
 
@@ -80,7 +79,6 @@ int32_t StreamMemBuf::sputn(const void* data, int32_t count) {
   const WindowGuard window(*this);
   if (m_mode == kUnused) m_mode = kWriting;
   if (m_mode == kReading) {
-    tavixTrace("StreamMemBuf::sputn : Error IO Mode\n");
     return 0;
   }
   if (m_capacity == 0) reserve(kBlockSize);
@@ -162,7 +160,6 @@ void StreamMemBuf::dropFront(int32_t taken) {
 int32_t StreamMemBuf::flush() {
   const WindowGuard window(*this);
   if (m_mode != kWriting) {
-    tavixTrace("StreamMemBuf::flush : Error IO Mode\n");
     return 0;
   }
   if (!m_next || m_fill == 0) return 0;
@@ -180,7 +177,6 @@ int32_t StreamMemBuf::sgetn(void* data, int32_t count) {
   const WindowGuard window(*this);
   if (m_mode == kUnused) m_mode = kReading;
   if (m_mode == kWriting) {
-    tavixTrace("StreamMemBuf::sgetn : Error IO Mode\n");
     return 0;
   }
   if (m_position >= m_limit) return 0;
@@ -273,6 +269,17 @@ int32_t StreamBlobBuf::sputn(const void* data, int32_t count) {
 }
 
 int32_t StreamBlobBuf::sgetn(void*, int32_t) { TavixThrow(Err::UnsupportedFunction); }
+
+// ---- DiscardStreamBuf ----
+
+const SmartPtr<DiscardStreamBuf>& DiscardStreamBuf::Instance() {
+  // Never destroyed: a serving thread abandoned at shutdown may still write
+  // through it while the process exits.
+  static const auto* const sink = new SmartPtr<DiscardStreamBuf>(MakeShared<DiscardStreamBuf>());
+  return *sink;
+}
+
+int32_t DiscardStreamBuf::sgetn(void*, int32_t) { TavixThrow(Err::UnsupportedFunction); }
 
 // ---- chain set-up ----
 

@@ -108,6 +108,17 @@ class EndStreamBuf : public ITavixStreamBuf {
   bool setNext(const SmartPtr<ITavixStreamBuf>&) override { return false; }
 };
 
+// The end of a chain for a message nobody receives (the reply of a one-way
+// request): it takes every byte and keeps none. It cannot be read from
+// (Err::UnsupportedFunction). One stateless instance serves every thread.
+class DiscardStreamBuf : public EndStreamBuf {
+ public:
+  static const SmartPtr<DiscardStreamBuf>& Instance();
+
+  int32_t sputn(const void*, int32_t count) override { return count; }
+  int32_t sgetn(void* data, int32_t count) override;
+};
+
 // The end of a chain that collects a message into a blob; it cannot be
 // read from (Err::UnsupportedFunction).
 class StreamBlobBuf : public EndStreamBuf {

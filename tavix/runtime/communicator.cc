@@ -19,8 +19,6 @@ Communicator::~Communicator() {
   if (!m_waited.load()) WaitForShutdown();
 }
 
-bool Communicator::IsShutdown() { return m_shutdownFlag.load(); }
-
 SmartPtr<ObjectAdapter> Communicator::CreateObjectAdapter(const std::u16string& name) {
   if (IsShutdown()) {
     TavixSetLastError(Err::CommunicatorClosed);
@@ -41,8 +39,17 @@ SmartPtr<ObjectAdapter> Communicator::CreateObjectAdapter(const std::string& nam
 
 void Communicator::Shutdown() {
   if (m_shutdownFlag.exchange(true)) return;
+  for (auto& [name, adapter] : Adapters()) adapter->Destroy();
+}
+
+std::map<std::u16string, SmartPtr<ObjectAdapter>> Communicator::Adapters() {
   ScopedLock guard(m_adaptersLock);
-  for (auto& [name, adapter] : m_adapters) adapter->Destroy();
+  return m_adapters;
+}
+
+void Communicator::Close(const SmartPtr<Connection>& connection) {
+  connection->SendCloseMsg();
+  connection->SetState(Connection::StateClosed);
 }
 
 void Communicator::WaitForShutdown() {
@@ -53,22 +60,22 @@ void Communicator::WaitForShutdown() {
     platform::SleepMs(kCallWaitStepMs);
   }
 
+  std::set<SmartPtr<Connection>> connections;
   {
     ScopedLock guard(m_connectionsLock);
-    for (const SmartPtr<Connection>& connection : m_clientConnections) {
-      connection->SendCloseMsg();
-      connection->SetState(Connection::StateClosed);
-    }
-    m_clientConnections.clear();
+    connections.swap(m_clientConnections);
   }
+  for (const SmartPtr<Connection>& connection : connections) Close(connection);
 
-  // The adapters go after the lock is released: their destructors may run
-  // application code (servant destructors).
+  // Waited for from a copy, so that a second waiter waits too; released
+  // after the lock: their destructors may run application code (servant
+  // destructors).
+  const std::map<std::u16string, SmartPtr<ObjectAdapter>> adapters = Adapters();
+  const uint64_t deadline = platform::TickCountMs() + m_graceMs.load();
+  for (const auto& [name, adapter] : adapters) adapter->WaitUntilDestroy(deadline);
   std::map<std::u16string, SmartPtr<ObjectAdapter>> released;
   {
-    const uint64_t deadline = platform::TickCountMs() + m_graceMs.load();
     ScopedLock guard(m_adaptersLock);
-    for (auto& [name, adapter] : m_adapters) adapter->WaitUntilDestroy(deadline);
     released.swap(m_adapters);
   }
   m_waited.store(true);
@@ -87,12 +94,11 @@ void Communicator::RegisterConnection(const SmartPtr<Connection>& connection) {
 }
 
 void Communicator::Finish(const SmartPtr<Connection>& connection) {
-  ScopedLock guard(m_connectionsLock);
-  const auto it = m_clientConnections.find(connection);
-  if (it == m_clientConnections.end()) return;
-  connection->SendCloseMsg();
-  connection->SetState(Connection::StateClosed);
-  m_clientConnections.erase(it);
+  {
+    ScopedLock guard(m_connectionsLock);
+    if (m_clientConnections.erase(connection) == 0) return;
+  }
+  Close(connection);
 }
 
 void Communicator::EndCall() {

@@ -37,10 +37,23 @@ class Communicator : public virtual Shared {
   void Shutdown();
   // Shuts down if needed, waits for the client calls in progress (at most
   // 1200 s), closes the registered client connections, then waits for every
-  // adapter in name order and releases them.
+  // adapter in name order and releases them. No lock is held while a
+  // connection is closed or an adapter waited for.
   void WaitForShutdown();
   // Shutdown and WaitForShutdown, unless shut down already.
   void Destroy();
+  bool IsShutdown() const { return m_shutdownFlag.load(); }
+
+  // The proxies' side. A proxy registers its connection once it is
+  // validated, so that the close message goes out when the proxy goes
+  // (Finish) or the runtime shuts down; Finish on a connection that is not
+  // registered does nothing.
+  void RegisterConnection(const SmartPtr<Connection>& connection);
+  void Finish(const SmartPtr<Connection>& connection);
+  // The count of client calls in progress that WaitForShutdown waits for;
+  // the decrement never goes below 0.
+  void BeginCall() { m_activeCalls.fetch_add(1); }
+  void EndCall();
 
   // How long WaitForShutdown lets requests in progress run once the client
   // calls are over; a request still running then is abandoned (logged, its
@@ -54,23 +67,9 @@ class Communicator : public virtual Shared {
   static constexpr uint32_t kCallWaitStepMs = 1000;
 
  private:
-  friend class ProxyObject;
-  friend class ProxyHelper;
-  friend class CommunicatorProbe;  // the unit tests' window on the private state
-
-  bool IsShutdown();
-  // Keeps a client connection to be closed at shutdown; Finish releases it.
-  void RegisterConnection(const SmartPtr<Connection>& connection);
-  // Sends the close message, closes and forgets one registered connection;
-  // nothing when it is not registered.
-  void Finish(const SmartPtr<Connection>& connection);
-  // The count of client calls in progress; the decrement never goes below 0.
-  void BeginCall() { m_activeCalls.fetch_add(1); }
-  void EndCall();
-
-  std::set<SmartPtr<Connection>> m_clientConnections;
+  std::set<SmartPtr<Connection>> m_clientConnections;  // guarded by m_connectionsLock
   RecLock m_connectionsLock;
-  std::map<std::u16string, SmartPtr<ObjectAdapter>> m_adapters;
+  std::map<std::u16string, SmartPtr<ObjectAdapter>> m_adapters;  // guarded by m_adaptersLock
   RecLock m_adaptersLock;
   // Read by every call: a lock shared by all calling threads would stall
   // them all whenever its holder is preempted.
@@ -78,6 +77,11 @@ class Communicator : public virtual Shared {
   std::atomic<int32_t> m_activeCalls{0};
   std::atomic<uint32_t> m_graceMs{kDefaultGracePeriodMs};
   std::atomic<bool> m_waited{false};
+
+  // A copy of the adapters, taken under their lock.
+  std::map<std::u16string, SmartPtr<ObjectAdapter>> Adapters();
+  // Sends the close message and closes.
+  static void Close(const SmartPtr<Connection>& connection);
 };
 
 // A new communicator; the name is not used, every call makes a separate one.

@@ -2,20 +2,13 @@
 // connections and listeners at shutdown is covered end to end by the proxy and server tests.
 #include "tavix/runtime/communicator.h"
 
-#include "tavix/invoke/wire_test_util.h"
+#include "tavix/testing/wire.h"
 
 namespace TAVIX {
 
 // The tests' window on the calls in progress, which proxies count.
-class CommunicatorProbe {
- public:
-  static void BeginCall(Communicator& c) { c.BeginCall(); }
-  static void EndCall(Communicator& c) { c.EndCall(); }
-};
-
 namespace {
 
-using Probe = CommunicatorProbe;
 using testing::Refused;
 
 TEST(Communicator, AdaptersByExactNameUntilShutdownIsWaitedFor) {
@@ -48,8 +41,8 @@ TEST(Communicator, AdaptersByExactNameUntilShutdownIsWaitedFor) {
 
 TEST(Communicator, WaitForShutdownWaitsForCallsInWholeSteps) {
   SmartPtr<Communicator> communicator = Initialize();
-  Probe::EndCall(*communicator);  // the count never goes below 0
-  Probe::BeginCall(*communicator);
+  communicator->EndCall();  // the count never goes below 0
+  communicator->BeginCall();
   // Destroy after Shutdown returns at once, whatever is running.
   communicator->Shutdown();
   const uint64_t before = platform::TickCountMs();
@@ -57,7 +50,7 @@ TEST(Communicator, WaitForShutdownWaitsForCallsInWholeSteps) {
   EXPECT_LT(platform::TickCountMs() - before, 500u);
   std::thread caller([&] {
     platform::SleepMs(100);
-    Probe::EndCall(*communicator);
+    communicator->EndCall();
   });
   const uint64_t start = platform::TickCountMs();
   communicator->WaitForShutdown();

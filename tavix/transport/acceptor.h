@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "tavix/core/shared.h"
+#include "tavix/transport/passport_type.h"
 
 namespace TAVIX {
 
@@ -22,8 +23,7 @@ class IAcceptor : public virtual Shared {
   // nobody came. A transceiver already in `holder` is closed and reused.
   // -1 when the wait or the accept failed.
   virtual int32_t Accept(SmartPtr<ITransceiver>& holder, uint32_t timeoutMs) = 0;
-  // The numbering of PassportType.
-  virtual int32_t Type() const = 0;
+  virtual PassportType Type() const = 0;
   // Makes an Accept in progress on another thread return at once.
   virtual int32_t Interrupt() = 0;
   // Reserved slots for acceptor-specific controls; both answer their

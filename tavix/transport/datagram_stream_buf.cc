@@ -9,7 +9,7 @@ namespace TAVIX {
 
 DatagramStreamBuf::DatagramStreamBuf(const SmartPtr<ITransceiver>& transceiver) : m_transceiver(transceiver) {}
 
-int32_t DatagramStreamBuf::Receive() {
+Transfer DatagramStreamBuf::Receive() {
   const int32_t limit = m_transceiver->MaxMessageSize();
   if (m_capacity < limit) {
     m_received = std::make_unique_for_overwrite<uint8_t[]>(static_cast<size_t>(limit));
@@ -17,9 +17,9 @@ int32_t DatagramStreamBuf::Receive() {
   }
   m_readAt = 0;
   m_receivedSize = 0;
-  const int32_t r = m_transceiver->Recv(m_received.get(), m_capacity);
-  if (r > 0) m_receivedSize = r;
-  return r;
+  const Transfer received = Transfer::Of(m_transceiver->Recv(m_received.get(), m_capacity));
+  if (received.Ok()) m_receivedSize = received.Count();
+  return received;
 }
 
 int32_t DatagramStreamBuf::sgetn(void* data, int32_t count) {
@@ -38,15 +38,12 @@ int32_t DatagramStreamBuf::sputn(const void* data, int32_t count) {
   return count;
 }
 
-int32_t DatagramStreamBuf::SendGathered() {
-  int32_t r = -2;
-  if (Oversized()) {
-    TavixSetLastError(Err::IllegalBufferSize);
-  } else {
-    r = m_transceiver->Send(m_gathered.data(), static_cast<int32_t>(m_gathered.size()));
-  }
+Transfer DatagramStreamBuf::SendGathered() {
+  const Transfer sent = Oversized()
+                            ? Transfer::LibraryError(Err::IllegalBufferSize)
+                            : Transfer::Of(m_transceiver->Send(m_gathered.data(), static_cast<int32_t>(m_gathered.size())));
   DropGathered();
-  return r;
+  return sent;
 }
 
 void DatagramStreamBuf::DropGathered() {

@@ -12,6 +12,7 @@
 #include "tavix/core/shared.h"
 #include "tavix/marshal/stream_buffers.h"
 #include "tavix/transport/transceiver.h"
+#include "tavix/transport/transfer.h"
 
 namespace TAVIX {
 
@@ -21,9 +22,9 @@ class DatagramStreamBuf : public EndStreamBuf {
   DatagramStreamBuf(const DatagramStreamBuf&) = delete;
   DatagramStreamBuf& operator=(const DatagramStreamBuf&) = delete;
 
-  // Receives one datagram in place of the last one: the transceiver's Recv
-  // result. Reading starts at its first byte.
-  int32_t Receive();
+  // Receives one datagram in place of the last one. Reading starts at its
+  // first byte.
+  Transfer Receive();
   const uint8_t* Received() const { return m_received.get(); }
   int32_t ReceivedSize() const { return m_receivedSize; }
   // Skips `offset` bytes of the received datagram (its header).
@@ -39,10 +40,9 @@ class DatagramStreamBuf : public EndStreamBuf {
   int64_t GatheredSize() const { return m_gatheredSize; }
   bool Oversized() const { return m_gatheredSize > static_cast<int64_t>(m_gathered.size()); }
   const std::vector<uint8_t>& Gathered() const { return m_gathered; }
-  // Sends what was gathered as one datagram and starts over: the
-  // transceiver's Send result; -2 with Err::IllegalBufferSize when the
-  // message was oversized (nothing is sent).
-  int32_t SendGathered();
+  // Sends what was gathered as one datagram and starts over. An oversized
+  // message is not sent: a library error Err::IllegalBufferSize.
+  Transfer SendGathered();
   void DropGathered();
 
  private:

@@ -9,18 +9,12 @@
 #include <string_view>
 
 #include "tavix/core/shared.h"
+#include "tavix/transport/passport_type.h"
 
 namespace TAVIX {
 
 class IAcceptor;
 class ITransceiver;
-
-// The transport objects report their kind with the same numbers.
-enum PassportType : int32_t {
-  PASSPORT_NONE = 0,
-  PASSPORT_TCP = 1,
-  PASSPORT_UDP = 2,
-};
 
 // The Create* operations return 0 on success, -1 when a platform call
 // failed (its errno is the last error) and -2 with a library code as the

@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "tavix/core/errors.h"
-#include "tavix/core/trace_log.h"
 #include "tavix/platform/last_error.h"
 
 namespace TAVIX {
@@ -28,12 +27,6 @@ SocketTransceiver::Pin::~Pin() {
 
 SocketTransceiver::~SocketTransceiver() = default;
 
-void SocketTransceiver::TraceError(const char16_t* format) {
-  const uint32_t code = platform::LastError();
-  std::u16string text;
-  tavixTrace(format, code, GetErrMsg(code, text));
-}
-
 int32_t SocketTransceiver::GetHandle() const {
   ScopedLock guard(m_lock);
   return m_socket.Handle();
@@ -52,9 +45,10 @@ bool SocketTransceiver::IsWaiting() const {
 void SocketTransceiver::CloseSocketLocked() {
   EnsureLastError keepCallerError;
   if (!m_socket.IsValid()) return;
-  if (!ShutdownBoth()) TraceError(m_traces.shutdownError);
+  // Best effort: the descriptor goes whatever shutdown answers.
+  ShutdownBoth();
   if (m_pins == 0) {
-    if (!CloseSocket()) TraceError(m_traces.closeError);
+    CloseSocket();
   } else {
     m_retired.push_back(std::move(m_socket));
   }
@@ -85,7 +79,6 @@ int32_t SocketTransceiver::WaitForRecv(uint32_t timeoutMs) {
   }
   if (ready < 0) {
     platform::SetLastError(error);
-    TraceError(m_traces.waitError);
     return -1;
   }
   return m_socket.IsValid() ? ready : -3;

@@ -24,14 +24,6 @@ class SocketTransceiver : public ITransceiver, public SockWrapper {
   void ShutdownReceive() override;
 
  protected:
-  // The debug trace lines of one transceiver class, each with "%d,%s" (or
-  // "%s") for the error and its text.
-  struct TraceFormats {
-    const char16_t* waitError;
-    const char16_t* shutdownError;
-    const char16_t* closeError;
-  };
-
   // Holds the descriptor open for one socket call; empty when the
   // transceiver was closed.
   class Pin {
@@ -49,15 +41,13 @@ class SocketTransceiver : public ITransceiver, public SockWrapper {
     platform::SocketView m_socket;
   };
 
-  explicit SocketTransceiver(const TraceFormats& traces) : m_traces(traces) {}
+  SocketTransceiver() = default;
 
   // Shuts the socket down, which wakes every thread blocked on it, then
   // closes it, or leaves that to the last pinned call still inside it, so a
   // descriptor number is never reused under a woken thread. The caller's
   // last error survives.
   void CloseSocketLocked();
-  // Hands "%d,%s" with the last error and its text to the debug trace.
-  static void TraceError(const char16_t* format);
 
   mutable SpinLock m_lock;
   bool m_waiting = false;
@@ -68,7 +58,6 @@ class SocketTransceiver : public ITransceiver, public SockWrapper {
   platform::SocketView PinLocked();
   void UnpinLocked();
 
-  TraceFormats m_traces;
   int32_t m_pins = 0;
   std::vector<platform::Socket> m_retired;
 };

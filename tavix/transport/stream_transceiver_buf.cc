@@ -1,17 +1,18 @@
 #include "tavix/transport/stream_transceiver_buf.h"
 
 #include "tavix/core/errors.h"
+#include "tavix/transport/transfer.h"
 
 namespace TAVIX {
 
 namespace {
 
-// A failure without a last error (a closed transceiver sets none) is still
-// a failure: it never travels as code 0.
-int32_t CheckedTransfer(int32_t r) {
-  if (r > 0) return r;
-  const uint32_t error = r == 0 ? 0 : TavixGetLastError();
-  TavixThrow(error != 0 ? error : Err::ConnectionClosed);
+// Inside a message every transfer must move its bytes; anything else ends
+// the message with the transfer's code.
+int32_t CheckedTransfer(int32_t result) {
+  const Transfer transfer = Transfer::Of(result);
+  if (!transfer.Ok()) TavixThrow(transfer.Code());
+  return transfer.Count();
 }
 
 }  // namespace

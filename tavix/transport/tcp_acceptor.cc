@@ -1,10 +1,8 @@
 #include "tavix/transport/tcp_acceptor.h"
 
-#include <iterator>
 #include <utility>
 
 #include "tavix/core/errors.h"
-#include "tavix/core/trace_log.h"
 #include "tavix/platform/last_error.h"
 #include "tavix/transport/tcp_transceiver.h"
 
@@ -12,11 +10,6 @@ namespace TAVIX {
 namespace {
 
 constexpr uint16_t kDefaultPort = 5678;
-
-std::u16string ErrorText() {
-  std::u16string text;
-  return GetErrMsg(platform::LastError(), text);
-}
 
 }  // namespace
 
@@ -27,18 +20,15 @@ TcpAcceptor::~TcpAcceptor() { Close(); }
 int32_t TcpAcceptor::Open() {
   CloseSocket();
   if (!CreateSocket(platform::SocketType::kStream)) {
-    tavixTrace(u"TcpAcceptor::Open CreateSocket:%s", ErrorText());
     CloseKeepingError();
     return -1;
   }
   m_socket.SetReuseAddress(true);
   if (!Bind(m_address)) {
-    tavixTrace(u"TcpAcceptor::Open Bind:%s", ErrorText());
     CloseKeepingError();
     return -1;
   }
   if (!Listen(kBacklog)) {
-    tavixTrace(u"TcpAcceptor::Open Listen:%s", ErrorText());
     CloseKeepingError();
     return -1;
   }
@@ -54,7 +44,7 @@ int32_t TcpAcceptor::Close() {
 }
 
 int32_t TcpAcceptor::Accept(SmartPtr<ITransceiver>& holder, uint32_t timeoutMs) {
-  if (holder && holder->Type() != 1) {
+  if (holder && holder->Type() != PASSPORT_TCP) {
     holder->Close();
     holder = nullptr;
   }
@@ -66,11 +56,8 @@ int32_t TcpAcceptor::Accept(SmartPtr<ITransceiver>& holder, uint32_t timeoutMs) 
   uint32_t length = InetAddr::SockAddrLen();
   if (!m_socket.Accept(accepted, peer.SockAddr(), length)) {
     if (platform::IsAbandonedConnection(platform::LastError())) return 0;
-    tavixTrace(u"TcpAcceptor::Accept, accept error:%d,%s\n", platform::LastError(), ErrorText());
     return -1;
   }
-  char text[32];
-  tavixTrace("accept %s:%d\n", peer.ToString(text, std::size(text)), peer.Port());
   TcpTransceiver::AttachToHolder(holder, std::move(accepted), peer);
   return 0;
 }

@@ -34,7 +34,7 @@ class TcpAcceptor : public IAcceptor, public SockWrapper {
   // option set applied. A client that gave up before it was accepted
   // counts as nobody.
   int32_t Accept(SmartPtr<ITransceiver>& holder, uint32_t timeoutMs) override;
-  int32_t Type() const override { return 1; }
+  PassportType Type() const override { return PASSPORT_TCP; }
   // Connects to the listening address (this machine's own address when
   // listening everywhere) and hangs up: the pending client ends a wait in
   // Accept. Does not touch the listening socket, so any thread may call it.

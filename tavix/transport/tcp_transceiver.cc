@@ -8,17 +8,13 @@
 
 #include "tavix/core/errors.h"
 #include "tavix/core/inet_addr.h"
-#include "tavix/core/trace_log.h"
 #include "tavix/platform/clock.h"
 #include "tavix/platform/last_error.h"
 #include "tavix/platform/process.h"
 
 namespace TAVIX {
 
-TcpTransceiver::TcpTransceiver()
-    : SocketTransceiver({u"TcpTransceiver::WaitForRecv, select error:%d,%s\n",
-                         u"TcpTransceiver::Close, ShutdownBoth error:%d,%s\n",
-                         u"TcpTransceiver::Close, CloseSocket error:%d,%s\n"}) {}
+TcpTransceiver::TcpTransceiver() = default;
 
 TcpTransceiver::~TcpTransceiver() { Close(); }
 
@@ -48,10 +44,9 @@ void TcpTransceiver::Attach(platform::Socket socket, const InetAddr& peer) {
   Close();
   char16_t text[32];
   const char16_t* dotted = peer.ToString(text, std::size(text));
+  SetPeer(dotted != nullptr ? dotted : u"", peer.Port());
   ScopedLock guard(m_lock);
   m_socket = std::move(socket);
-  m_peerAddress = dotted != nullptr ? dotted : u"";
-  m_peerPort = peer.Port();
   // Nothing of an earlier socket may be read from this one.
   m_aheadBegin = 0;
   m_aheadEnd = 0;
@@ -108,13 +103,12 @@ int32_t TcpTransceiver::FillAhead(const platform::SocketView& socket) {
   return count;
 }
 
-int32_t TcpTransceiver::ReceiveFailure(const char16_t* trace) {
+int32_t TcpTransceiver::ReceiveFailure() {
   // The socket blocks: "would block" means its receive time-out passed.
   if (LastErrorIsWouldBlock()) {
     TavixSetLastError(Err::ReceiveTimeout);
     return -2;
   }
-  TraceError(trace);
   return -1;
 }
 
@@ -127,12 +121,11 @@ int32_t TcpTransceiver::Recv(void* buffer, int32_t length) {
   }
   if (m_aheadBegin < m_aheadEnd) return TakeAhead(buffer, length);
   if (!ApplyReceiveTimeout(pin.Socket(), m_messageTimeoutMs.load(std::memory_order_relaxed))) {
-    TraceError(u"TcpTransceiver::Recv, setsockopt error:%d,%s\n");
     return -1;
   }
   const int32_t count = pin.Socket().Recv(buffer, length);
   if (count >= 0) return count;
-  return ReceiveFailure(u"TcpTransceiver::Recv, recv error:%d,%s\n");
+  return ReceiveFailure();
 }
 
 int32_t TcpTransceiver::Recvn(void* buffer, int32_t length) {
@@ -155,7 +148,6 @@ int32_t TcpTransceiver::RecvnPinned(const platform::SocketView& socket, void* bu
   next += ahead;
   left -= ahead;
   if (left > 0 && !ApplyReceiveTimeout(socket, m_messageTimeoutMs.load(std::memory_order_relaxed))) {
-    TraceError(u"TcpTransceiver::Recvn, setsockopt error:%d,%s\n");
     return -1;
   }
   while (left > 0) {
@@ -169,7 +161,7 @@ int32_t TcpTransceiver::RecvnPinned(const platform::SocketView& socket, void* bu
       count = socket.Recv(next, left);
     }
     if (count == 0) return 0;
-    if (count < 0) return ReceiveFailure(u"TcpTransceiver::Recvn, recv error:%d,%s\n");
+    if (count < 0) return ReceiveFailure();
     next += count;
     left -= count;
   }
@@ -188,14 +180,13 @@ int32_t TcpTransceiver::RecvMessageStart(void* buffer, int32_t length, uint32_t 
     // Without a limit the socket has no receive time-out while it waits,
     // so an idle peer costs no kernel timer per message.
     if (!ApplyReceiveTimeout(pin.Socket(), timeoutMs)) {
-      TraceError(u"TcpTransceiver::RecvMessageStart, setsockopt error:%d,%s\n");
       return -1;
     }
     const int32_t count = FillAhead(pin.Socket());
     // A close from another thread wakes the receive with an end of stream;
     // it is told apart from the peer's close as the wait tells it.
     if (count == 0) return IsOpen() ? 0 : -3;
-    if (count < 0) return ReceiveFailure(u"TcpTransceiver::RecvMessageStart, recv error:%d,%s\n");
+    if (count < 0) return ReceiveFailure();
   }
   return RecvnPinned(pin.Socket(), buffer, length);
 }
@@ -240,7 +231,6 @@ int32_t TcpTransceiver::SendPinned(const platform::SocketView& socket, const voi
       chunk = chunk / 2 + 1;
       continue;
     }
-    TraceError(u"TcpTransceiver::Send, send error:%d,%s\n");
     return -1;
   }
   return length;
@@ -284,7 +274,6 @@ int32_t TcpTransceiver::SendPair(const void* first, int32_t firstLength, const v
       }
       break;
     }
-    TraceError(u"TcpTransceiver::SendPair, send error:%d,%s\n");
     return -1;
   }
   return firstLength + secondLength;

@@ -62,7 +62,7 @@ class TcpTransceiver : public SocketTransceiver {
   // time-out guards the bytes inside the message.
   int32_t RecvMessageStart(void* buffer, int32_t length, uint32_t timeoutMs) override;
   bool GetPeer(std::u16string& address, uint16_t& port) const override;
-  int32_t Type() const override { return 1; }
+  PassportType Type() const override { return PASSPORT_TCP; }
   int32_t MaxMessageSize() const override { return 0; }
   bool IsBroadcast() const override { return false; }
 
@@ -87,7 +87,7 @@ class TcpTransceiver : public SocketTransceiver {
   bool ApplyReceiveTimeout(const platform::SocketView& socket, uint32_t timeoutMs);
   // The result of a receive that failed: -2 with Err::ReceiveTimeout when
   // its time-out passed, otherwise -1 with the trace line.
-  static int32_t ReceiveFailure(const char16_t* trace);
+  static int32_t ReceiveFailure();
 
   std::u16string m_peerAddress;
   uint16_t m_peerPort = 0;

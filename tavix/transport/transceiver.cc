@@ -3,7 +3,6 @@
 #include <cerrno>
 
 #include "tavix/core/inet_addr.h"
-#include "tavix/core/trace_log.h"
 #include "tavix/platform/last_error.h"
 #include "tavix/platform/process.h"
 
@@ -33,10 +32,7 @@ bool SockWrapper::CreateSocket(platform::SocketType type) { return m_socket.Crea
 
 bool SockWrapper::CloseSocket() {
   if (!m_socket.IsValid()) return true;
-  const int32_t handle = m_socket.Handle();
-  const bool closed = m_socket.Close();
-  tavixTrace(u"%d: Close Socket %d.\n", platform::ThreadId(), handle);
-  return closed;
+  return m_socket.Close();
 }
 
 bool SockWrapper::ShutdownBoth() { return m_socket.Shutdown(); }
@@ -53,9 +49,7 @@ bool SockWrapper::SetBlocking(bool blocking) {
 }
 
 bool SockWrapper::SetKeepAlive(bool on) {
-  if (m_socket.SetKeepAlive(on, kKeepAliveIdleMs, kKeepAliveIntervalMs)) return true;
-  tavixTrace(u"WSAIoctl failed(SIO_KEEPALIVE_VALS). error code(%d)\n", platform::LastError());
-  return false;
+  return m_socket.SetKeepAlive(on, kKeepAliveIdleMs, kKeepAliveIntervalMs);
 }
 
 bool SockWrapper::SetSendBufSize(int32_t bytes) {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "tavix/core/shared.h"
+#include "tavix/transport/passport_type.h"
 #include "tavix/platform/socket.h"
 
 namespace TAVIX {
@@ -50,8 +51,7 @@ class ITransceiver : public virtual Shared {
   // The other end's dotted address and port; false (arguments untouched)
   // when the transceiver has no single peer.
   virtual bool GetPeer(std::u16string& address, uint16_t& port) const = 0;
-  // 1 TCP, 2 UDP: the numbering of PassportType.
-  virtual int32_t Type() const = 0;
+  virtual PassportType Type() const = 0;
   // The largest message one Send accepts; 0 means no limit.
   virtual int32_t MaxMessageSize() const = 0;
   virtual bool IsBroadcast() const = 0;

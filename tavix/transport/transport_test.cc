@@ -6,7 +6,7 @@
 #include <sys/socket.h>
 
 #include "tavix/core/host_info.h"
-#include "tavix/invoke/wire_test_util.h"
+#include "tavix/testing/wire.h"
 #include "tavix/transport/passport.h"
 #include "tavix/transport/udp_transceiver.h"
 
@@ -452,7 +452,7 @@ TEST(UdpPassportTest, MakesDatagramTransceiversAndNoAcceptor) {
   TcpPair tcp = ConnectedPair();
   SmartPtr<ITransceiver> holder(tcp.client);
   ASSERT_EQ(0, any->CreateClientTransceiver(holder));
-  EXPECT_EQ(2, holder->Type());
+  EXPECT_EQ(PASSPORT_UDP, holder->Type());
   EXPECT_FALSE(tcp.client->IsOpen());
   ITransceiver* const reused = holder.get();
   ASSERT_EQ(0, any->CreateClientTransceiver(holder));

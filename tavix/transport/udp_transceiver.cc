@@ -1,16 +1,12 @@
 #include "tavix/transport/udp_transceiver.h"
 
 #include "tavix/core/errors.h"
-#include "tavix/core/trace_log.h"
 #include "tavix/platform/process.h"
 
 namespace TAVIX {
 
 UdpTransceiver::UdpTransceiver(Mode mode, const InetAddr& endpoint)
-    : SocketTransceiver({u"UdpTransceiver::WaitForRecv, select error:%d,%s\n",
-                         u"UdpTransceiver::Close, ShutdownBoth error:%d,%s\n",
-                         u"UdpTransceiver::Close, CloseSocket error:%s\n"}),
-      m_mode(mode),
+    : m_mode(mode),
       m_endpoint(endpoint) {}
 
 UdpTransceiver::~UdpTransceiver() { Close(); }
@@ -18,7 +14,6 @@ UdpTransceiver::~UdpTransceiver() { Close(); }
 int32_t UdpTransceiver::Open() {
   ScopedLock guard(m_lock);
   if (!CreateSocket(platform::SocketType::kDatagram)) {
-    TraceError(u"UdpTransceiver::Open, CreateSocket error:%d,%s\n");
     return -1;
   }
   SetBlocking(false);
@@ -38,7 +33,6 @@ void UdpTransceiver::SetModeLocked(Mode mode) {
 bool UdpTransceiver::Bind() {
   SetModeLocked(UDP_MODE_SERVER);
   if (SockWrapper::Bind(m_endpoint)) return true;
-  TraceError(u"UdpTransceiver::Bind, Bind error:%d,%s\n");
   return false;
 }
 
@@ -46,7 +40,6 @@ bool UdpTransceiver::Connect() {
   SetModeLocked(UDP_MODE_CLIENT);
   if (m_endpoint.IsBroadcast()) SetBroadcast(true);
   if (m_socket.Connect(m_endpoint.SockAddr(), InetAddr::SockAddrLen())) return true;
-  TraceError(u"UdpTransceiver::Connect, connect error:%d,%s\n");
   return false;
 }
 
@@ -100,10 +93,8 @@ int32_t UdpTransceiver::Recv(void* buffer, int32_t length) {
       return count;
     }
     if (!LastErrorIsWouldBlock()) {
-      TraceError(server ? u"UdpTransceiver::Recv, recvfrom error:%d,%s\n" : u"UdpTransceiver::Recv, recv error:%d,%s\n");
       return -1;
     }
-    tavixTrace(u"Would block! try again\n");
     // Nothing queued after all (another reader took it): wait instead of spinning.
     if (pin.Socket().Poll(platform::PollFor::kRead, 0) < 0) return -1;
   }
@@ -128,10 +119,8 @@ int32_t UdpTransceiver::Send(const void* buffer, int32_t length) {
                                  : pin.Socket().Send(buffer, length);
     if (count >= 0) return length;
     if (!LastErrorIsWouldBlock()) {
-      TraceError(server ? u"UdpTransceiver::Send, sendto error:%d,%s\n" : u"UdpTransceiver::Send, send error:%d,%s\n");
       return -1;
     }
-    tavixTrace(u"Would block! try again\n");
     if (pin.Socket().Poll(platform::PollFor::kWrite, 0) < 0) return -1;
   }
 }

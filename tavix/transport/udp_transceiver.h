@@ -41,7 +41,7 @@ class UdpTransceiver : public SocketTransceiver {
   int32_t Send(const void* buffer, int32_t length) override;
   // A datagram socket has no single peer: the arguments are left alone.
   bool GetPeer(std::u16string& address, uint16_t& port) const override;
-  int32_t Type() const override { return 2; }
+  PassportType Type() const override { return PASSPORT_UDP; }
   int32_t MaxMessageSize() const override;
   bool IsBroadcast() const override;
 

@@ -1,7 +1,7 @@
 // Test helpers shared by the transport, adapter, client, runtime, tool and load tests: byte builders for messages,
 // loopback sockets, a served adapter on a free port, raw TCP and UDP peers, /proc status and this process's trace log.
-#ifndef TAVIX_INVOKE_WIRE_TEST_UTIL_H_
-#define TAVIX_INVOKE_WIRE_TEST_UTIL_H_
+#ifndef TAVIX_TESTING_WIRE_H_
+#define TAVIX_TESTING_WIRE_H_
 
 #include <gtest/gtest.h>
 
@@ -23,7 +23,7 @@
 #include "tavix/core/text.h"
 #include "tavix/core/trace_log.h"
 #include "tavix/marshal/blob.h"
-#include "tavix/marshal/marshal_test_util.h"
+#include "tavix/testing/outcomes.h"
 #include "tavix/marshal/message_header.h"
 #include "tavix/platform/clock.h"
 #include "tavix/platform/process.h"
@@ -356,4 +356,4 @@ class LogLines {
 
 }  // namespace TAVIX::test_wire
 
-#endif  // TAVIX_INVOKE_WIRE_TEST_UTIL_H_
+#endif  // TAVIX_TESTING_WIRE_H_

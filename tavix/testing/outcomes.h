@@ -1,6 +1,6 @@
 // Helpers shared by the tests: byte patterns, and a call's result with the last error it left.
-#ifndef TAVIX_MARSHAL_MARSHAL_TEST_UTIL_H_
-#define TAVIX_MARSHAL_MARSHAL_TEST_UTIL_H_
+#ifndef TAVIX_TESTING_OUTCOMES_H_
+#define TAVIX_TESTING_OUTCOMES_H_
 
 #include <gtest/gtest.h>
 
@@ -39,4 +39,4 @@ Outcome OutcomeOf(Call call) {
 
 }  // namespace TAVIX::testing
 
-#endif  // TAVIX_MARSHAL_MARSHAL_TEST_UTIL_H_
+#endif  // TAVIX_TESTING_OUTCOMES_H_

@@ -1,6 +1,6 @@
 // Reading report files back in tests.
-#ifndef TAVIX_DIAG_REPORT_TEST_UTIL_H_
-#define TAVIX_DIAG_REPORT_TEST_UTIL_H_
+#ifndef TAVIX_TESTING_REPORT_FILES_H_
+#define TAVIX_TESTING_REPORT_FILES_H_
 
 #include <fstream>
 #include <iterator>
@@ -43,4 +43,4 @@ inline bool InOrder(const std::string& text, std::initializer_list<std::string> 
 
 }  // namespace TAVIX::test_report
 
-#endif  // TAVIX_DIAG_REPORT_TEST_UTIL_H_
+#endif  // TAVIX_TESTING_REPORT_FILES_H_
