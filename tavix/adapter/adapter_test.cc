@@ -2,8 +2,12 @@
 // the servant base, the stream kept in step, every way a connection's loop ends (reason, log line, reaping), many
 // clients at once, shutdown under a running request; what a connection sends outside of calls; the object adapter's
 // servants, passports and ports; and the TCP connection factory's shutdown.
+#include <atomic>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <stdexcept>
+#include <thread>
 
 #include "tavix/adapter/tcp_connection_factory.h"
 #include "tavix/core/host_info.h"
@@ -421,6 +425,92 @@ TEST(ObjectAdapter, ServantsByExactIdAndPassportsThatConflictOpenAndClose) {
   proxies.clear();
   EXPECT_TRUE(adapter->GetProxyString(std::string("Obj"), proxies));
   EXPECT_TRUE(proxies.empty());
+}
+
+// Added first and activated after (the usual order), an endpoint whose port is taken leaves Activate true but is
+// logged and reported as not listening until a later Activate starts it.
+TEST(ObjectAdapter, AnEndpointThatCannotListenIsLoggedAndReportedUntilItStarts) {
+  const LogLines log;
+  SmartPtr<TcpAcceptor> holder = LoopbackAcceptor();  // takes the port as another listener would
+  ASSERT_TRUE(holder);
+  const uint16_t taken = holder->Address().Port();
+  auto adapter = MakeShared<ObjectAdapter>();
+  const SmartPtr<IPassport> blocked = adapter->AddPassport(Endpoint(taken, "127.0.0.1"));
+  const SmartPtr<IPassport> free = adapter->AddPassport(Endpoint(FreePort(), "127.0.0.1"));
+  ASSERT_TRUE(blocked && free);
+  EXPECT_EQ(2u, adapter->NotListening().size()) << "nothing listens before Activate";
+  EXPECT_TRUE(adapter->Activate());
+  std::u16string printed;
+  EXPECT_TRUE(log.Has(u"ERROR: Endpoint " + blocked->toString(printed) + u" is not listening: " +
+                      FormatString(u"%d,%s", EADDRINUSE, ErrorText(EADDRINUSE))));
+  EXPECT_EQ(std::vector<SmartPtr<IPassport>>{blocked}, adapter->NotListening());
+  holder->Close();
+  adapter->Activate();
+  EXPECT_TRUE(adapter->NotListening().empty());
+  EXPECT_TRUE(Accepts(taken));
+  adapter->Destroy();
+  adapter->WaitUntilDestroy();
+}
+
+// Of two calls that add the same endpoint at once, exactly one succeeds: the conflict scan and the insert are one
+// step.
+TEST(ObjectAdapter, ConcurrentAddPassportForOneEndpointLetsOneIn) {
+  const std::string endpoint = Endpoint(FreePort(), "127.0.0.1");
+  constexpr int kRounds = 3000;
+  std::vector<SmartPtr<ObjectAdapter>> adapters;
+  for (int round = 0; round < kRounds; ++round) adapters.push_back(MakeShared<ObjectAdapter>());
+  std::vector<std::atomic<int>> added(kRounds);
+  std::atomic<int> arrived{0};
+  // Both threads meet before every round, then race for that round's adapter.
+  auto add = [&] {
+    for (int round = 0; round < kRounds; ++round) {
+      arrived.fetch_add(1);
+      while (arrived.load() < 2 * (round + 1)) std::this_thread::yield();
+      if (adapters[static_cast<size_t>(round)]->AddPassport(endpoint)) added[static_cast<size_t>(round)].fetch_add(1);
+    }
+  };
+  std::thread first(add), second(add);
+  first.join();
+  second.join();
+  for (int round = 0; round < kRounds; ++round) {
+    ASSERT_EQ(1, added[static_cast<size_t>(round)].load()) << "round " << round;
+    adapters[static_cast<size_t>(round)]->WaitUntilDestroy();
+  }
+}
+
+// The disconnect callback runs while WaitUntilDestroy waits for its very thread; the adapter's lock is not held
+// across that wait, so the callback may still use the adapter.
+TEST(ObjectAdapter, DisconnectCallbackMayUseTheAdapterDuringWaitUntilDestroy) {
+  TestServer server(MakeShared<Object>());
+  ASSERT_NE(0, server.port);
+  struct Seen {
+    ObjectAdapter* adapter;
+    std::atomic<int> proxies{-1};
+    static void Callback(void* context, TavixDisconnectReason) {
+      auto* seen = static_cast<Seen*>(context);
+      std::vector<std::u16string> found;
+      seen->adapter->GetProxyString(std::u16string(u"A"), found);
+      seen->proxies = static_cast<int>(found.size());
+    }
+  } seen{server.adapter.get()};
+  server.adapter->RegisterDisconnectNotification(&Seen::Callback, &seen);
+  RawClient client;
+  ASSERT_TRUE(client.Connect(server.port));
+  ASSERT_EQ(Header(MSG_VALIDATE, HEADER_SIZE), client.Receive(HEADER_SIZE));
+  std::atomic<bool> waited{false};
+  std::thread shutdown([&] {
+    server.adapter->Destroy();
+    server.adapter->WaitUntilDestroy();
+    waited = true;
+  });
+  if (!Eventually([&] { return waited.load(); }, 5000)) {
+    // Deadlocked: nothing could shut this process down any more.
+    std::fputs("WaitUntilDestroy deadlocked with the disconnect callback\n", stderr);
+    std::_Exit(1);
+  }
+  shutdown.join();
+  EXPECT_EQ(1, seen.proxies.load());
+  server.adapter->RegisterDisconnectNotification(nullptr, nullptr);
 }
 
 class TcpConnectionFactoryTest : public ::testing::Test {

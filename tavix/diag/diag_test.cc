@@ -62,9 +62,9 @@ class ReportFileTest : public ::testing::Test {
 // A new file gets one byte-order mark, reports follow each other, and a file above 16 MiB is replaced.
 TEST_F(ReportFileTest, NewFileGetsOneMarkReportsFollowAndLargeFilesAreReplaced) {
   { std::ofstream empty(m_path); }
-  ExceptionReport::WriteCurrent(m_path, false);
+  EXPECT_TRUE(ExceptionReport::WriteCurrent(m_path, false));
   const std::string first = Bytes(m_path);
-  ExceptionReport::WriteCurrent(m_path, false);
+  EXPECT_TRUE(ExceptionReport::WriteCurrent(m_path, false));
   const std::string both = Bytes(m_path);
   ASSERT_EQ("\xFF\xFE", first.substr(0, 2));
   EXPECT_EQ(first, both.substr(0, first.size()));
@@ -78,9 +78,13 @@ TEST_F(ReportFileTest, NewFileGetsOneMarkReportsFollowAndLargeFilesAreReplaced) 
   EXPECT_EQ(std::string::npos, text.find("Local Variables And Parameters"));
   // A file above 16 MiB is replaced.
   std::filesystem::resize_file(m_path, 0x1000001);
-  ExceptionReport::WriteCurrent(m_path, false);
+  EXPECT_TRUE(ExceptionReport::WriteCurrent(m_path, false));
   EXPECT_LT(Bytes(m_path).size(), 0x100000u);
   EXPECT_EQ(0u, Text(m_path).find("Exception report created by"));
+  // A report that could not be written says so.
+  EXPECT_FALSE(ExceptionReport::WriteCurrent("", false));
+  EXPECT_FALSE(ExceptionReport::WriteCurrent((m_dir / "missing" / "app.RPT").string(), false));
+  EXPECT_FALSE(ExceptionReport::WriteCurrent(m_dir.string(), false)) << "a folder is no report file";
 }
 
 TEST(ExceptionReportNames, SignalsMapToTheNamedCodesAndPathsFollowThePrograms) {

@@ -1,0 +1,2 @@
+// Planted for the layer check to refuse: library code using a test helper.
+#include "tavix/testing/wire.h"
