@@ -177,51 +177,59 @@ int ReadNumber(std::u16string_view format, size_t& i) {
   return value;
 }
 
-}  // namespace
+// Reads the part of a directive between '%' and its conversion letter:
+// flags, width, precision and length. `i` ends at the conversion letter
+// (or the end of the format); '*' takes its number from the arguments.
+class DirectiveReader {
+ public:
+  DirectiveReader(std::u16string_view format, std::span<const FormatArg> args, size_t& next)
+      : m_format(format), m_args(args), m_next(next) {}
 
-int FormatInto(std::span<char16_t> out, std::u16string_view format, std::span<const FormatArg> args) {
-  Writer w(out);
-  size_t next = 0;
-  const auto takeInt = [&]() -> int {
-    return next < args.size() ? static_cast<int>(args[next++].asSigned()) : 0;
-  };
-  for (size_t i = 0; i < format.size(); ++i) {
-    if (format[i] != u'%') {
-      w.put(format[i]);
-      continue;
-    }
-    if (++i >= format.size()) break;
+  Directive Read(size_t& i) {
     Directive directive;
-    for (; i < format.size(); ++i) {
-      const char16_t f = format[i];
-      if (f == u'-') directive.left = true;
-      else if (f == u'+') directive.plus = true;
-      else if (f == u' ') directive.space = true;
-      else if (f == u'#') directive.alternate = true;
-      else if (f == u'0') directive.zero = true;
-      else break;
-    }
-    if (i < format.size() && format[i] == u'*') {
-      directive.width = takeInt();
+    ReadFlags(i, directive);
+    if (At(i, u'*')) {
+      directive.width = TakeInt();
       if (directive.width < 0) {
         directive.left = true;
         directive.width = -directive.width;
       }
       ++i;
     } else {
-      directive.width = ReadNumber(format, i);
+      directive.width = ReadNumber(m_format, i);
     }
-    if (i < format.size() && format[i] == u'.') {
+    if (At(i, u'.')) {
       ++i;
-      if (i < format.size() && format[i] == u'*') {
-        directive.precision = takeInt();
+      if (At(i, u'*')) {
+        directive.precision = TakeInt();
         ++i;
       } else {
-        directive.precision = ReadNumber(format, i);
+        directive.precision = ReadNumber(m_format, i);
       }
     }
-    while (i < format.size()) {
-      const std::u16string_view rest = format.substr(i);
+    ReadLength(i, directive);
+    return directive;
+  }
+
+ private:
+  bool At(size_t i, char16_t c) const { return i < m_format.size() && m_format[i] == c; }
+  int TakeInt() { return m_next < m_args.size() ? static_cast<int>(m_args[m_next++].asSigned()) : 0; }
+
+  void ReadFlags(size_t& i, Directive& directive) const {
+    for (; i < m_format.size(); ++i) {
+      const char16_t f = m_format[i];
+      if (f == u'-') directive.left = true;
+      else if (f == u'+') directive.plus = true;
+      else if (f == u' ') directive.space = true;
+      else if (f == u'#') directive.alternate = true;
+      else if (f == u'0') directive.zero = true;
+      else return;
+    }
+  }
+
+  void ReadLength(size_t& i, Directive& directive) const {
+    while (i < m_format.size()) {
+      const std::u16string_view rest = m_format.substr(i);
       if (rest.starts_with(u"I64") || rest.starts_with(u"ll")) {
         directive.length = 2;
         i += rest[0] == u'I' ? 3 : 2;
@@ -231,9 +239,50 @@ int FormatInto(std::span<char16_t> out, std::u16string_view format, std::span<co
       } else if (rest[0] == u'l' || rest[0] == u'w') {
         ++i;
       } else {
-        break;
+        return;
       }
     }
+  }
+
+  std::u16string_view m_format;
+  std::span<const FormatArg> m_args;
+  size_t& m_next;
+};
+
+void Emit(Writer& w, const Directive& directive, const FormatArg& arg) {
+  switch (directive.conversion) {
+    case u'd': case u'i': case u'u': case u'x': case u'X': case u'o':
+      EmitInteger(w, directive, arg);
+      break;
+    case u'f': case u'F': case u'e': case u'E': case u'g': case u'G':
+      EmitFloat(w, directive, arg);
+      break;
+    case u's': case u'S':
+      EmitString(w, directive, arg);
+      break;
+    case u'c': case u'C':
+      EmitChar(w, directive, arg);
+      break;
+    default:
+      w.put(u'%');
+      w.put(directive.conversion);
+      break;
+  }
+}
+
+}  // namespace
+
+int FormatInto(std::span<char16_t> out, std::u16string_view format, std::span<const FormatArg> args) {
+  Writer w(out);
+  size_t next = 0;
+  DirectiveReader reader(format, args, next);
+  for (size_t i = 0; i < format.size(); ++i) {
+    if (format[i] != u'%') {
+      w.put(format[i]);
+      continue;
+    }
+    if (++i >= format.size()) break;
+    Directive directive = reader.Read(i);
     if (i >= format.size()) break;
     directive.conversion = format[i];
     if (directive.conversion == u'%') {
@@ -241,25 +290,7 @@ int FormatInto(std::span<char16_t> out, std::u16string_view format, std::span<co
       continue;
     }
     if (next >= args.size()) continue;  // a missing argument renders nothing
-    const FormatArg& arg = args[next++];
-    switch (directive.conversion) {
-      case u'd': case u'i': case u'u': case u'x': case u'X': case u'o':
-        EmitInteger(w, directive, arg);
-        break;
-      case u'f': case u'F': case u'e': case u'E': case u'g': case u'G':
-        EmitFloat(w, directive, arg);
-        break;
-      case u's': case u'S':
-        EmitString(w, directive, arg);
-        break;
-      case u'c': case u'C':
-        EmitChar(w, directive, arg);
-        break;
-      default:
-        w.put(u'%');
-        w.put(directive.conversion);
-        break;
-    }
+    Emit(w, directive, args[next++]);
   }
   return w.result();
 }
