@@ -66,6 +66,7 @@ class TcpConnectionFactory : public IConnectionFactory {
   RecLock m_liveLock;
   std::vector<SmartPtr<Connection>> m_closedConnections;  // guarded by m_closedLock
   RecLock m_closedLock;
+  // Activate and WaitUntilDestroy only, on the adapter's side.
   SmartPtr<ThreadPerTcpConnectionFactory> m_acceptThread;
   std::atomic<int32_t> m_active{0};
   SmartPtr<IObjectHost> m_adapter;

@@ -24,9 +24,9 @@ class BurstLog {
  private:
   uint32_t m_quietMs;
   SpinLock m_lock;
-  uint64_t m_lastLine = 0;
-  bool m_logged = false;
-  int32_t m_held = 0;
+  uint64_t m_lastLine = 0;  // guarded by m_lock
+  bool m_logged = false;    // guarded by m_lock
+  int32_t m_held = 0;       // guarded by m_lock
 };
 
 }  // namespace TAVIX

@@ -45,11 +45,12 @@ class Thread : public virtual Shared {
  private:
   static void Procedure(void* self);
 
-  std::unique_ptr<platform::NativeThread> m_handle;
-  uint32_t m_threadId = 0;
-  bool m_started = false;
+  std::unique_ptr<platform::NativeThread> m_handle;  // guarded by m_stateLock
+  uint32_t m_threadId = 0;                           // guarded by m_stateLock
+  bool m_started = false;                            // guarded by m_stateLock
   mutable RecLock m_stateLock;
-  // pthreads allow one join per thread: joiners take turns.
+  // Held across a join: pthreads allow one join per thread, so joiners
+  // take turns.
   std::mutex m_joinLock;
   std::atomic<int32_t> m_startPending{0};
   std::atomic<bool> m_ended{false};

@@ -65,7 +65,7 @@ class TraceLog {
   int AppendLine(const char16_t* format, std::span<const FormatArg> args);
   bool EnsureOpen();
 
-  platform::File m_file;
+  platform::File m_file;  // guarded by m_lock, which is held across each line's write
   std::string m_path;
   SpinLock m_lock;
 };

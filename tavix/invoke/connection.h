@@ -136,28 +136,34 @@ class Connection : public virtual Shared {
   void SetInServant(bool on) { m_inServant.store(on ? 1 : 0); }
   bool GetInServant() const { return m_inServant.load() != 0; }
 
+  // Set before the serving thread starts (server) or under the proxy's call
+  // lock (client); the transceiver guards itself.
   SmartPtr<ITransceiver> m_transceiver;
+  // The one reader and writer's (serving thread, or the call holding the
+  // proxy's call lock).
   SmartPtr<ITavixStreamBuf> m_streamLink;
+  // Owned by whoever won m_buffersLent.
   SmartPtr<StreamMemBuf> m_inputBuffer;
   SmartPtr<StreamMemBuf> m_outputBuffer;
   std::atomic<bool> m_buffersLent{false};
   std::atomic<int32_t> m_activated{0};
   std::atomic<int32_t> m_inServant{0};
-  SmartPtr<ThreadPerConnection> m_thread;
-  SmartPtr<IConnectionFactory> m_factory;
-  connectionState m_state = StateClosed;
+  SmartPtr<ThreadPerConnection> m_thread;  // the factory's thread: Activate and WaitUntilDestroy
+  SmartPtr<IConnectionFactory> m_factory;  // set at construction, dropped once the thread is joined
+  connectionState m_state = StateClosed;   // guarded by m_stateLock
   SpinLock m_stateLock;
-  std::u16string m_requestObject;
-  std::u16string m_requestOperation;
+  std::u16string m_requestObject;          // guarded by m_requestLock
+  std::u16string m_requestOperation;       // guarded by m_requestLock
   // The context of the request being served, kept from one request to the
   // next so that its strings reuse their room (serving thread only; lent
   // together with the buffers).
   Context m_keptContext;
-  // The servant found last, its id and the host's servants version then.
+  // The servant found last, its id and the host's servants version then
+  // (serving thread only).
   SmartPtr<Object> m_servant;
   std::u16string m_servantId;
   uint32_t m_servantsVersion = 0;
-  uint64_t m_requestStart = 0;  // 0: no request
+  uint64_t m_requestStart = 0;  // guarded by m_requestLock; 0: no request
   SpinLock m_requestLock;
 };
 

@@ -49,8 +49,10 @@ class SocketTransceiver : public ITransceiver, public SockWrapper {
   // last error survives.
   void CloseSocketLocked();
 
+  // Guards the socket (SockWrapper::m_socket), the pins and the retired
+  // sockets, and the fields of the transceiver classes marked so.
   mutable SpinLock m_lock;
-  bool m_waiting = false;
+  bool m_waiting = false;  // guarded by m_lock
 
  private:
   // Both run under m_lock. A pinned descriptor stays open, even through a
@@ -58,8 +60,8 @@ class SocketTransceiver : public ITransceiver, public SockWrapper {
   platform::SocketView PinLocked();
   void UnpinLocked();
 
-  int32_t m_pins = 0;
-  std::vector<platform::Socket> m_retired;
+  int32_t m_pins = 0;                        // guarded by m_lock
+  std::vector<platform::Socket> m_retired;  // guarded by m_lock
 };
 
 // True when the last error says a non-blocking call found nothing to do.

@@ -89,8 +89,8 @@ class TcpTransceiver : public SocketTransceiver {
   // its time-out passed, otherwise -1 with the trace line.
   static int32_t ReceiveFailure();
 
-  std::u16string m_peerAddress;
-  uint16_t m_peerPort = 0;
+  std::u16string m_peerAddress;  // guarded by m_lock
+  uint16_t m_peerPort = 0;       // guarded by m_lock
   // Only the one reading thread touches the read-ahead block.
   std::unique_ptr<uint8_t[]> m_ahead;
   int32_t m_aheadBegin = 0;

@@ -57,9 +57,9 @@ class UdpTransceiver : public SocketTransceiver {
   // The buffer size applies to the socket being opened.
   void SetModeLocked(Mode mode);
 
-  Mode m_mode;
-  InetAddr m_replyAddress;
-  InetAddr m_endpoint;
+  Mode m_mode;              // guarded by m_lock
+  InetAddr m_replyAddress;  // guarded by m_lock
+  InetAddr m_endpoint;      // set before the socket opens
   int32_t m_maxMessageSize = 0;
 };
 
