@@ -4,7 +4,7 @@
 
 namespace TAVIX {
 
-Transfer Transfer::Of(int32_t result) {
+Transfer Transfer::OfFailure(int32_t result) {
   switch (result) {
     case 0:
       return PeerClosed();
@@ -15,7 +15,7 @@ Transfer Transfer::Of(int32_t result) {
     case -3:
       return Closed(TavixGetLastError());
     default:
-      return result > 0 ? Done(result) : Unknown(result);
+      return Unknown(result);
   }
 }
 

@@ -31,8 +31,9 @@ class Transfer {
   static constexpr Transfer Unknown(int32_t result) { return Transfer(TransferState::kUnknown, result, 0); }
 
   // Reads a public operation's number; a failure or a closed transceiver
-  // takes the thread's last error as its code.
-  static Transfer Of(int32_t result);
+  // takes the thread's last error as its code. Every message passes here
+  // several times, so the success path stays inline.
+  static Transfer Of(int32_t result) { return result > 0 ? Done(result) : OfFailure(result); }
   // The public number; a failure's code becomes the thread's last error.
   int32_t Result() const;
 
@@ -52,6 +53,8 @@ class Transfer {
   uint32_t Code() const;
 
  private:
+  static Transfer OfFailure(int32_t result);
+
   constexpr Transfer(TransferState state, int32_t count, uint32_t code)
       : m_state(state), m_count(count), m_code(code) {}
 
