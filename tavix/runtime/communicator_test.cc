@@ -2,14 +2,75 @@
 // connections and listeners at shutdown is covered end to end by the proxy and server tests.
 #include "tavix/runtime/communicator.h"
 
+#include <atomic>
+#include <thread>
+
 #include "tavix/testing/wire.h"
+#include "tavix/transport/transceiver.h"
 
 namespace TAVIX {
-
-// The tests' window on the calls in progress, which proxies count.
 namespace {
 
 using testing::Refused;
+using test_wire::Eventually;
+
+// A transceiver whose sends wait until `release` is set (none wait when it starts set).
+class HeldTransceiver : public ITransceiver {
+ public:
+  explicit HeldTransceiver(bool released = false) : release(released) {}
+  std::atomic<bool> sending{false}, release;
+  int32_t Send(const void*, int32_t length) override {
+    sending = true;
+    while (!release.load()) platform::SleepMs(1);
+    return length;
+  }
+  int32_t GetHandle() const override { return 3; }
+  int32_t Open() override { return 0; }
+  void Close() override { m_open = false; }
+  bool IsOpen() const override { return m_open.load(); }
+  int32_t WaitForRecv(uint32_t) override { return -3; }
+  bool IsWaiting() const override { return false; }
+  int32_t Recv(void*, int32_t) override { return -3; }
+  int32_t Recvn(void*, int32_t) override { return -3; }
+  bool GetPeer(std::u16string&, uint16_t&) const override { return false; }
+  PassportType Type() const override { return PASSPORT_TCP; }
+  int32_t MaxMessageSize() const override { return 0; }
+  bool IsBroadcast() const override { return false; }
+
+ private:
+  std::atomic<bool> m_open{true};
+};
+
+SmartPtr<Connection> ConnectionOn(const SmartPtr<HeldTransceiver>& transceiver) {
+  SmartPtr<Connection> connection = MakeShared<Connection>();
+  connection->SetTransceiver(transceiver);
+  connection->SetState(Connection::StateConnected);  // as a proxy registers it
+  return connection;
+}
+
+// A close message that does not leave holds up no other connection's registration or close: the communicator's
+// lock is not held while it sends.
+TEST(Communicator, AStalledCloseHoldsUpNoOtherConnection) {
+  SmartPtr<Communicator> communicator = Initialize();
+  const auto stalled = MakeShared<HeldTransceiver>(), free = MakeShared<HeldTransceiver>(true);
+  const SmartPtr<Connection> slow = ConnectionOn(stalled), quick = ConnectionOn(free);
+  communicator->RegisterConnection(slow);
+  std::thread closing([&] { communicator->Finish(slow); });
+  ASSERT_TRUE(Eventually([&] { return stalled->sending.load(); }));
+  std::atomic<bool> done{false};
+  std::thread other([&] {
+    communicator->RegisterConnection(quick);
+    communicator->Finish(quick);
+    done = true;
+  });
+  const bool prompt = Eventually([&] { return done.load(); }, 2000);
+  stalled->release = true;
+  other.join();
+  closing.join();
+  EXPECT_TRUE(prompt) << "the other connection waited for the stalled close";
+  EXPECT_FALSE(free->IsOpen());
+  EXPECT_FALSE(stalled->IsOpen());
+}
 
 TEST(Communicator, AdaptersByExactNameUntilShutdownIsWaitedFor) {
   SmartPtr<Communicator> first = Initialize(u"same"), second = Initialize(u"same");
