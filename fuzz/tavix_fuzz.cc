@@ -84,6 +84,7 @@ class Factory : public IConnectionFactory {
  public:
   explicit Factory(const SmartPtr<IObjectHost>& host) : m_host(host) {}
   bool Activate() override { return true; }
+  bool IsActive() const override { return true; }
   void Destroy() override {}
   bool ConnectionClosed(const SmartPtr<Connection>&, TavixDisconnectReason) override {
     ended = true;
