@@ -25,6 +25,7 @@
 #include "tavix/invoke/object.h"
 #include "tavix/invoke/object_helper.h"
 #include "tavix/invoke/object_host.h"
+#include "tavix/invoke/operation.h"
 #include "tavix/marshal/basic_stream.h"
 #include "tavix/marshal/blob.h"
 #include "tavix/marshal/message_header.h"
@@ -36,5 +37,6 @@
 #include "tavix/transport/tcp_acceptor.h"
 #include "tavix/transport/tcp_transceiver.h"
 #include "tavix/transport/transceiver.h"
+#include "tavix/transport/transfer.h"
 
 #endif  // TAVIX_TAVIX_H_
