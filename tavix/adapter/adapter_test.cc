@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "tavix/adapter/tcp_connection_factory.h"
+#include "tavix/client/proxy_object.h"
 #include "tavix/core/host_info.h"
 #include "tavix/invoke/connection.h"
 #include "tavix/invoke/message_buffers.h"
@@ -425,6 +426,38 @@ TEST(ObjectAdapter, ServantsByExactIdAndPassportsThatConflictOpenAndClose) {
   proxies.clear();
   EXPECT_TRUE(adapter->GetProxyString(std::string("Obj"), proxies));
   EXPECT_TRUE(proxies.empty());
+}
+
+// -p 0 lets the system pick: each endpoint gets its own port when it starts listening, the proxy strings print it,
+// and a client reaches the servant through the printed string.
+TEST(ObjectAdapter, PortZeroListensOnAChosenPortThatProxyStringsPrint) {
+  SmartPtr<Communicator> server = Initialize();
+  SmartPtr<ObjectAdapter> adapter = server->CreateObjectAdapter(std::string("Zero"));
+  ASSERT_TRUE(adapter->AddServant(MakeShared<Object>(), std::string("Obj")));
+  const SmartPtr<IpPassport> tcp = SmartPtr<IpPassport>::DynamicCast(adapter->AddPassport("tcp -h 127.0.0.1 -p 0"));
+  ASSERT_TRUE(tcp);
+  EXPECT_EQ(0, tcp->Port()) << "not chosen before the endpoint listens";
+  adapter->Activate();
+  const SmartPtr<IpPassport> second = SmartPtr<IpPassport>::DynamicCast(adapter->AddPassport("tcp -h 127.0.0.1 -p 0"));
+  const SmartPtr<IpPassport> udp = SmartPtr<IpPassport>::DynamicCast(adapter->AddPassport("udp -h 127.0.0.1 -p 0"));
+  ASSERT_TRUE(second && udp) << "two endpoints that let the system pick do not conflict";
+  EXPECT_NE(0, tcp->Port());
+  EXPECT_NE(0, udp->Port());
+  EXPECT_NE(tcp->Port(), second->Port());
+  EXPECT_TRUE(Accepts(tcp->Port()));
+  std::vector<std::string> proxies;
+  ASSERT_TRUE(adapter->GetProxyString(std::string("Obj"), proxies));
+  ASSERT_EQ(3u, proxies.size());
+  SmartPtr<Communicator> client = Initialize();
+  for (const std::string& proxy : proxies) {
+    EXPECT_EQ(std::string::npos, proxy.find("-p 0 ")) << proxy;
+    SmartPtr<ProxyObject> object = CreateProxy(client, proxy);
+    ASSERT_TRUE(object) << proxy;
+    object->Timeout(2000);
+    EXPECT_EQ(0u, object->ObjectPing()) << proxy;
+  }
+  client->Destroy();
+  server->Destroy();
 }
 
 // Added first and activated after (the usual order), an endpoint whose port is taken leaves Activate true but is

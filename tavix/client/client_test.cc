@@ -5,6 +5,9 @@
 // serving loop.
 #include <cerrno>
 #include <list>
+#include <map>
+#include <mutex>
+#include <unordered_map>
 
 #include "tavix/client/typed_call.h"
 #include "tavix/testing/wire.h"
@@ -23,10 +26,7 @@ using MissingOp = Operation<u"Missing">;
 using MixOp = Operation<u"Mix", In<int32_t, std::u16string, std::vector<double>>, Out<bool, std::string, int64_t>>;
 using NoteOp = OneWayOperation<u"Note", In<std::u16string>>;
 
-// The table order is checked when compiling.
-static_assert(operation_detail::StrictlyAscending(std::array<std::u16string_view, 4>{u"A", u"B", u"a", u"\u00e9"}));
-static_assert(!operation_detail::StrictlyAscending(std::array<std::u16string_view, 2>{u"Echo", u"Echo"}));
-static_assert(!operation_detail::StrictlyAscending(std::array<std::u16string_view, 2>{u"EchoBlob", u"Echo"}));
+
 
 class TestServant final : public Object {
  public:
@@ -122,7 +122,8 @@ TEST_F(ProxyTest, ProxyStringsSplitAndCallsReachTheServantAndStatusesComeBack) {
   EXPECT_EQ(std::tuple(std::u16string(u"Printer"), 250u), std::tuple(printer->ObjectName(), printer->Timeout()));
   const std::pair<const char*, uint32_t> bad[] = {
       {"no colon here", Err::BadProxyString}, {":tcp -h a -p 1", Err::BadProxyString},
-      {"A:tcp -h a", Err::BadPassportString}, {"A:b:tcp -h a -p 1", Err::UnsupportedFunction}};
+      {"A:tcp -h a", Err::BadPassportString}, {"A:b:tcp -h a -p 1", Err::UnsupportedFunction},
+      {"A:tcp -h a -p 0", Err::BadPassportString}, {"A:udp -h a -p 0", Err::BadPassportString}};
   for (const auto& [text, error] : bad) {
     EXPECT_EQ(error, Refused([&] { return CreateProxy(m_client, text); })) << text;
   }
@@ -288,6 +289,87 @@ TEST_F(ProxyTest, BrokenServersFailTheCallWithTheirCode) {
     EXPECT_LT(steady_clock::now() - start, milliseconds(1000)) << what;
     EXPECT_EQ(Err::ProxyClosed, proxy->ObjectPing()) << what;
   }
+}
+
+// An unknown host is named as such, with the host in the log, not as an invalid argument.
+TEST_F(ProxyTest, AnUnknownHostFailsWithItsOwnCodeAndIsNamedInTheLog) {
+  LogLines log;
+  SmartPtr<ProxyObject> proxy = Proxy("A:tcp -h no-such-host.invalid -p 5678 -t 500");
+  EXPECT_EQ(Err::HostNotFound, proxy->ObjectPing());
+  std::string text;
+  EXPECT_EQ("Host not found.", GetErrMsg(Err::HostNotFound, text));
+  EXPECT_TRUE(log.Has(u"DNS Error:no-such-host.invalid"));
+}
+
+// A service declared once: its interface makes the proxy and the servant's table; structs, nested vectors, maps and
+// unsigned integers cross a real connection; the servant's own statuses come back with the texts given to them.
+struct Item {
+  std::u16string name;
+  uint32_t count = 0;
+  std::vector<std::map<std::string, uint64_t>> history;
+  static constexpr auto kFields = Fields(&Item::name, &Item::count, &Item::history);
+  bool operator==(const Item&) const = default;
+};
+
+constexpr uint32_t kOutOfStock = AppStatusCode(1);
+using StoreOp = Operation<u"Store", In<Item>, Out<uint64_t>>;
+using ListOp = Operation<u"List", In<uint16_t>, Out<std::vector<Item>, std::unordered_map<std::u16string, Item>>>;
+using TakeOp = Operation<u"Take", In<std::u16string>>;
+using Store = Interface<u"::Test::Store", TakeOp, StoreOp, ListOp>;  // in any order: sorted when compiling
+using StorePrx = TAVIX::Proxy<Store>;
+
+class StoreServant final : public Servant<StoreServant, Store> {
+ public:
+  uint32_t Serve(StoreOp, const Item& item, uint64_t& total, const Context&) {
+    std::lock_guard lock(m_mutex);
+    m_items.push_back(item);
+    total = uint64_t{item.count} << 32;
+    return 0;
+  }
+  uint32_t Serve(ListOp, const uint16_t& limit, std::vector<Item>& items,
+                 std::unordered_map<std::u16string, Item>& byName, const Context&) {
+    std::lock_guard lock(m_mutex);
+    items.assign(m_items.begin(), m_items.begin() + std::min<size_t>(limit, m_items.size()));
+    for (const Item& item : items) byName[item.name] = item;
+    return 0;
+  }
+  uint32_t Serve(TakeOp, const std::u16string&, const Context&) { return kOutOfStock; }
+
+ private:
+  std::mutex m_mutex;
+  std::vector<Item> m_items;  // guarded by m_mutex
+};
+
+TEST_F(ProxyTest, AnInterfaceDeclaredOnceCarriesStructsMapsAndApplicationStatuses) {
+  static_assert(Store::Table<StoreServant>::kRows[0].name == u"List", "the table is sorted when compiling");
+  TestServer server(MakeShared<StoreServant>());
+  SmartPtr<StorePrx> store = CreateProxy<StorePrx>(m_client, server.ProxyString());
+  ASSERT_TRUE(store);
+  const Item first{u"bolt", 0xFFFFFFFF, {{{"jan", 1}, {"feb", UINT64_MAX}}, {}}};
+  const Item second{u"nut", 7, {}};
+  uint64_t total = 0;
+  ASSERT_EQ(0u, store->Call<StoreOp>(first, total));
+  EXPECT_EQ(uint64_t{0xFFFFFFFF} << 32, total);
+  ASSERT_EQ(0u, store->Call<StoreOp>(second, total));
+  std::vector<Item> items;
+  std::unordered_map<std::u16string, Item> byName;
+  ASSERT_EQ(0u, store->Call<ListOp>(uint16_t{0xFFFF}, items, byName));
+  EXPECT_EQ((std::vector<Item>{first, second}), items);
+  EXPECT_EQ(2u, byName.size());
+  EXPECT_EQ(second, byName[u"nut"]);
+  bool isA = false;
+  EXPECT_EQ(0u, store->ObjectIsA(u"::Test::Store", isA));
+  EXPECT_TRUE(isA);
+  // Application statuses: their own range, texts as registered, "Unknown Error" before.
+  EXPECT_EQ(kOutOfStock, store->Call<TakeOp>(std::u16string(u"bolt")));
+  std::string text;
+  EXPECT_EQ("Unknown Error", GetErrMsg(kOutOfStock, text));
+  EXPECT_TRUE(RegisterStatusText(kOutOfStock, "Out of stock"));
+  EXPECT_EQ("Out of stock", GetErrMsg(kOutOfStock, text));
+  EXPECT_FALSE(RegisterStatusText(Err::HostNotFound, "mine")) << "library codes keep their texts";
+  EXPECT_FALSE(RegisterStatusText(1, "mine")) << "platform codes keep theirs";
+  EXPECT_EQ("Host not found.", GetErrMsg(Err::HostNotFound, text));
+  EXPECT_TRUE(IsAppStatus(AppStatus::Last) && !IsAppStatus(AppStatus::Last + 1) && !IsAppStatus(Err::Last));
 }
 
 TEST_F(ProxyTest, RecordedRequestsMatchSentOnesAndAreSentAsTheyAre) {

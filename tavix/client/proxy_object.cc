@@ -167,6 +167,12 @@ bool ParseProxyString(const std::u16string& text, std::u16string& objectName, Sm
   }
   SmartPtr<IPassport> made = PassportFactory().Create(text.substr(colon + 1));
   if (!made) return false;
+  // Port 0 means "any free port" only to a server.
+  const auto* ip = dynamic_cast<const IpPassport*>(made.get());
+  if (ip != nullptr && ip->Port() == 0) {
+    TavixSetLastError(Err::BadPassportString);
+    return false;
+  }
   objectName = text.substr(0, colon);
   passport = made;
   return true;

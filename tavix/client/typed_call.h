@@ -1,18 +1,19 @@
-// The client side of an operation declared with invoke/operation.h: a
-// proxy method is one line, and it marshals the parameters the servant's
-// skeleton reads, in the same order.
+// The client side of operations declared with invoke/operation.h. A proxy
+// of an interface calls any of its operations, marshalling the parameters
+// the servant's skeleton reads, in the same order:
 //
-//   class EchoPrx : public TAVIX::ProxyObject {
-//    public:
-//     uint32_t Echo(const std::u16string& in, std::u16string& out) {
-//       return TAVIX::Invoke<EchoOp>(*this, in, out);
-//     }
-//   };
+//   using EchoPrx = TAVIX::Proxy<EchoInterface>;
+//   SmartPtr<EchoPrx> echo = TAVIX::CreateProxy<EchoPrx>(communicator, text);
+//   uint32_t status = echo->Call<EchoOp>(u"hello", answer);
+//
+// Invoke<Op>(proxy, ...) makes the same call through any ProxyObject.
 #ifndef TAVIX_CLIENT_TYPED_CALL_H_
 #define TAVIX_CLIENT_TYPED_CALL_H_
 
 #include <cstdint>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "tavix/client/proxy_helper.h"
 #include "tavix/client/proxy_object.h"
@@ -20,6 +21,7 @@
 #include "tavix/core/shared.h"
 #include "tavix/invoke/operation.h"
 #include "tavix/marshal/blob.h"
+#include "tavix/marshal/codec.h"
 
 namespace TAVIX {
 
@@ -34,12 +36,12 @@ struct ClientCall<Op, In<Ins...>, Out<Outs...>> {
     ProxyHelper call(&proxy, Op::NameString(), Op::kMode, ProxyHelper::NoBlob, LengthOfAll(ins...));
     try {
       if (const uint32_t r = call.PrepareIPC(); r != 0) return r;
-      (call.os()->write(ins), ...);
+      (Codec<Ins>::Write(*call.os(), ins), ...);
       if (const uint32_t r = call.InvokeIPC(); r != 0) return r;
       if constexpr (Op::kMode == OneWay) {
         return 0;
       } else {
-        (call.is()->read(outs), ...);
+        (Codec<Outs>::Read(*call.is(), outs), ...);
         return call.FinishIPC();
       }
     } catch (const TavixException& e) {
@@ -53,7 +55,7 @@ struct ClientCall<Op, In<Ins...>, Out<Outs...>> {
     ProxyHelper call(&proxy, Op::NameString(), Op::kMode, blob, LengthOfAll(ins...));
     try {
       if (const uint32_t r = call.PrepareIPC(); r != 0) return r;
-      (call.os()->write(ins), ...);
+      (Codec<Ins>::Write(*call.os(), ins), ...);
       return call.InvokeIPC();
     } catch (const TavixException& e) {
       return call.OnException(e);
@@ -72,6 +74,25 @@ template <class Op, class... Args>
 uint32_t Record(ProxyObject& proxy, const SmartPtr<ITavixBlob>& blob, const Args&... args) {
   return ClientCall<Op>::Record(proxy, blob, args...);
 }
+
+// A proxy of the remote objects that implement `Iface`.
+template <class Iface>
+class Proxy : public ProxyObject {
+ public:
+  // One call of Op: its in-parameters, then its out-parameters, which are
+  // written only when the call succeeds up to its results.
+  template <class Op, class... Args>
+  uint32_t Call(Args&&... args) {
+    static_assert(Iface::template kHas<Op>, "the operation is not one of this proxy's interface");
+    return ClientCall<Op>::Call(*this, std::forward<Args>(args)...);
+  }
+
+  void GetObjectIds(std::vector<std::u16string>& ids) override {
+    ProxyObject::GetObjectIds(ids);
+    ids.emplace_back(Iface::kTypeId);
+  }
+  std::u16string GetObjectId() override { return std::u16string(Iface::kTypeId); }
+};
 
 }  // namespace TAVIX
 

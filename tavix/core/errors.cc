@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <mutex>
+#include <shared_mutex>
+#include <unordered_map>
 
 #include "tavix/core/text.h"
 #include "tavix/platform/last_error.h"
@@ -9,7 +12,7 @@
 namespace TAVIX {
 namespace {
 
-constexpr std::array<ErrorEntry, 37> kErrorTable{{
+constexpr std::array<ErrorEntry, 38> kErrorTable{{
     {0x20000000, u"Connection has been closed."},
     {0x20000001, u"Illegal buffer size."},
     {0x20000002, u"Unsupported funtion."},
@@ -47,6 +50,7 @@ constexpr std::array<ErrorEntry, 37> kErrorTable{{
     {0x20000406, u"Error variant type in discriminated union"},
     {0x20000407, u"Uninitialized union data type"},
     {0x20000408, u"Error when read or write blob"},
+    {0x20000409, u"Host not found."},
 }};
 
 const char16_t* LibraryMessage(uint32_t code) {
@@ -65,7 +69,48 @@ std::string PlatformText(uint32_t code) {
   return text;
 }
 
+// The application's texts, by code. Named process-wide state: written by
+// RegisterStatusText, read by GetErrMsg.
+class StatusTexts {
+ public:
+  static StatusTexts& Instance() {
+    static StatusTexts texts;
+    return texts;
+  }
+
+  void Set(uint32_t code, std::u16string text) {
+    std::unique_lock guard(m_lock);
+    m_texts[code] = std::move(text);
+  }
+
+  std::u16string Get(uint32_t code) const {
+    std::shared_lock guard(m_lock);
+    const auto it = m_texts.find(code);
+    return it == m_texts.end() ? std::u16string(u"Unknown Error") : it->second;
+  }
+
+ private:
+  mutable std::shared_mutex m_lock;
+  std::unordered_map<uint32_t, std::u16string> m_texts;  // guarded by m_lock
+};
+
+std::u16string AnyText(uint32_t code) {
+  if (IsLibraryCode(code)) return LibraryMessage(code);
+  if (IsAppStatus(code)) return StatusTexts::Instance().Get(code);
+  return WiddenString(PlatformText(code));
+}
+
 }  // namespace
+
+bool RegisterStatusText(uint32_t code, std::u16string_view text) {
+  if (!IsAppStatus(code)) return false;
+  StatusTexts::Instance().Set(code, std::u16string(text));
+  return true;
+}
+
+bool RegisterStatusText(uint32_t code, std::string_view text) {
+  return RegisterStatusText(code, WiddenString(text));
+}
 
 std::span<const ErrorEntry> ErrorTable() { return kErrorTable; }
 
@@ -78,12 +123,12 @@ uint32_t TavixGetLastError() { return platform::LastError(); }
 void TavixSetLastError(uint32_t code) { platform::SetLastError(code); }
 
 std::u16string& GetErrMsg(uint32_t code, std::u16string& out) {
-  out = IsLibraryCode(code) ? std::u16string(LibraryMessage(code)) : WiddenString(PlatformText(code));
+  out = AnyText(code);
   return out;
 }
 
 std::string& GetErrMsg(uint32_t code, std::string& out) {
-  out = IsLibraryCode(code) ? NarrowString(LibraryMessage(code)) : PlatformText(code);
+  out = IsLibraryCode(code) || IsAppStatus(code) ? NarrowString(AnyText(code)) : PlatformText(code);
   return out;
 }
 

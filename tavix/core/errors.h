@@ -6,10 +6,13 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
 
 namespace TAVIX {
 
-// The library's own codes; every value outside 0x20000000..0x20000408 is a
+// The library's own codes. Codes from 0x20000409 on are this library's
+// additions after the original table. Every value outside
+// 0x20000000..Last is an application status (AppStatus below) or a
 // platform code (an errno value on this platform).
 namespace Err {
 inline constexpr uint32_t ConnectionClosed = 0x20000000;
@@ -49,17 +52,38 @@ inline constexpr uint32_t UnsupportedEncoding = 0x20000405;
 inline constexpr uint32_t BadUnionVariant = 0x20000406;
 inline constexpr uint32_t UninitializedUnion = 0x20000407;
 inline constexpr uint32_t BlobIoError = 0x20000408;
+inline constexpr uint32_t HostNotFound = 0x20000409;
 
 inline constexpr uint32_t First = 0x20000000;
-inline constexpr uint32_t Last = 0x20000408;
+inline constexpr uint32_t Last = 0x20000409;
 }  // namespace Err
+
+// Statuses that servants return for their own outcomes. The range meets
+// neither the library's codes nor platform error numbers, so a client can
+// tell the three apart; texts for these codes are the application's own
+// (RegisterStatusText).
+namespace AppStatus {
+inline constexpr uint32_t First = 0x40000000;
+inline constexpr uint32_t Last = 0x4FFFFFFF;
+}  // namespace AppStatus
+
+constexpr bool IsAppStatus(uint32_t code) { return code >= AppStatus::First && code <= AppStatus::Last; }
+// The n-th application status: AppStatusCode(0) is AppStatus::First.
+constexpr uint32_t AppStatusCode(uint32_t n) { return AppStatus::First + n; }
+
+// Gives an application status its text for GetErrMsg, replacing an earlier
+// one; the registry is process-wide and safe to use from any thread. False
+// (nothing registered) for a code outside the application range.
+bool RegisterStatusText(uint32_t code, std::u16string_view text);
+bool RegisterStatusText(uint32_t code, std::string_view text);
 
 struct ErrorEntry {
   uint32_t code;
   const char16_t* message;
 };
 
-// The 37 rows, in table order.
+// The rows in table order: the 37 of the original table, then this
+// library's additions.
 std::span<const ErrorEntry> ErrorTable();
 
 // The only exception type the library raises for its own errors.
@@ -78,8 +102,10 @@ class TavixException {
 uint32_t TavixGetLastError();
 void TavixSetLastError(uint32_t code);
 
-// The text of a library or platform code. A library code missing from the
-// table gives "Unknown Error"; a platform code without a text gives "".
+// The text of a library code, an application status or a platform code. A
+// library code missing from the table and an application status without a
+// registered text give "Unknown Error"; a platform code without a text
+// gives "".
 std::u16string& GetErrMsg(uint32_t code, std::u16string& out);
 std::string& GetErrMsg(uint32_t code, std::string& out);
 // GetErrMsg as a value, for log lines.

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "tavix/core/errors.h"
 #include "tavix/core/text.h"
 #include "tavix/core/trace_log.h"
 #include "tavix/platform/last_error.h"
@@ -29,7 +30,7 @@ bool InetAddr::Set(const char* host, uint16_t port) {
   std::vector<uint32_t> addresses;
   if (!platform::ResolveIPv4(host, addresses)) {
     *this = InetAddr();
-    platform::SetLastError(EINVAL);
+    platform::SetLastError(Err::HostNotFound);
     TraceLog::Write(u"DNS Error:%hs\n", host);
     return false;
   }

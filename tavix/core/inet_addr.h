@@ -14,7 +14,8 @@ class InetAddr {
 
   // A dotted address, or a name resolved through the host database. An
   // empty or null host is the any-address. On failure: false, last error
-  // EINVAL, the address all zero and a "DNS Error" line in the log.
+  // Err::HostNotFound, the address all zero and a "DNS Error" line naming
+  // the host in the log.
   bool Set(const char* host, uint16_t port);
   bool Set(const char16_t* host, uint16_t port);
   bool SetAny(uint16_t port);

@@ -1,56 +1,56 @@
 // Remote operations declared once for both ends. A declaration names the
-// operation and its in- and out-parameter types; the server side of it is
-// here (the skeleton that reads the arguments, runs the servant's member
-// and writes the reply, and the servant's sorted operation table), and the
-// client side is client/typed_call.h. Both marshal the same values in the
-// same order because both read them from the one declaration.
+// operation and its in- and out-parameter types; an interface names a type
+// id and its operations. The server side is here (the skeleton that reads
+// the arguments, runs the servant's code and writes the reply, and the
+// servant's operation table, sorted when compiling); the client side is
+// client/typed_call.h. Both marshal the same values in the same order
+// because both read them from the one declaration.
 //
 //   using EchoOp = TAVIX::Operation<u"Echo", TAVIX::In<std::u16string>,
 //                                   TAVIX::Out<std::u16string>>;
 //   using NoteOp = TAVIX::OneWayOperation<u"Note", TAVIX::In<int32_t>>;
+//   using EchoInterface = TAVIX::Interface<u"::Example::Echo", EchoOp, NoteOp>;
 //
-//   class EchoServant : public TAVIX::Object {
+//   class EchoServant : public TAVIX::Servant<EchoServant, EchoInterface> {
 //    public:
-//     uint32_t Echo(const std::u16string& in, std::u16string& out,
-//                   const TAVIX::Context& ctx);
-//     uint32_t Note(const int32_t& value, const TAVIX::Context& ctx);
-//     void Dispatch(TAVIX::ObjectHelper& request) override {
-//       TAVIX::ServantTable<EchoServant, TAVIX::Entry<EchoOp, &EchoServant::Echo>,
-//                           TAVIX::Entry<NoteOp, &EchoServant::Note>>::Dispatch(*this, request);
-//     }
+//     uint32_t Serve(EchoOp, const std::u16string& in, std::u16string& out,
+//                    const TAVIX::Context& ctx);
+//     uint32_t Serve(NoteOp, const int32_t& value, const TAVIX::Context& ctx);
 //   };
 //
-// A servant member takes the in-parameters by const reference, then the
-// out-parameters by reference, then the request's Context, and returns its
-// status. The entries of a ServantTable must be listed in strictly
-// ascending order of their names' UTF-16 units (checked when compiling);
-// names a table does not list go to Object::Dispatch, so "ObjectIsA",
+// A servant's Serve overload for an operation takes the operation's tag,
+// the in-parameters by const reference, then the out-parameters by
+// reference, then the request's Context, and returns its status. Names the
+// interface does not list go to Object::Dispatch, so "ObjectIsA",
 // "ObjectPing" and the "Operation not find" answer keep working.
 //
-// Parameter types are those BasicStream carries: bool, unsigned char,
-// int16_t, int32_t, int64_t, float, double, std::string, std::u16string,
-// SmartPtr<ITavixBlob> and vectors of them.
+// Parameter types are those marshal/codec.h lists: BasicStream's own,
+// unsigned integers, vectors, maps and structs that list their members.
 #ifndef TAVIX_INVOKE_OPERATION_H_
 #define TAVIX_INVOKE_OPERATION_H_
 
 #include <algorithm>
 #include <array>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <tuple>
 #include <type_traits>
+#include <vector>
 
 #include "tavix/invoke/messages.h"
 #include "tavix/invoke/object.h"
 #include "tavix/invoke/object_helper.h"
 #include "tavix/marshal/basic_stream.h"
+#include "tavix/marshal/codec.h"
 #include "tavix/platform/clock.h"
 
 namespace TAVIX {
 
-// An operation name as a template argument: Operation<u"Echo", ...>.
+// A name as a template argument: of an operation (Operation<u"Echo", ...>)
+// or of an interface's type id.
 template <size_t N>
 struct OperationName {
   char16_t text[N] = {};
@@ -66,12 +66,6 @@ struct In {};
 template <class... T>
 struct Out {};
 
-// The summed encoded length of some values, as a message's size needs it.
-template <class... T>
-int32_t LengthOfAll(const T&... values) {
-  return (0 + ... + BasicStream::lengthOf(values));
-}
-
 template <OperationName Name, class Ins = In<>, class Outs = Out<>, OperationMode Mode = TwoWay>
 struct Operation;
 
@@ -82,6 +76,7 @@ struct Operation<Name, In<Ins...>, Out<Outs...>, Mode> {
   static_assert((std::is_same_v<Ins, std::remove_cvref_t<Ins>> && ...) &&
                     (std::is_same_v<Outs, std::remove_cvref_t<Outs>> && ...),
                 "parameters are listed as plain value types");
+  static_assert((CheckMarshallable<Ins>() && ... && true) && (CheckMarshallable<Outs>() && ... && true));
 
   using InList = In<Ins...>;
   using OutList = Out<Outs...>;
@@ -94,25 +89,42 @@ struct Operation<Name, In<Ins...>, Out<Outs...>, Mode> {
     return name;
   }
 
-  // The skeleton. Reads the in-parameters, runs the member, then answers
-  // with its status and, on 0, the out-parameters.
+  // The skeleton of a servant member: (const In&..., Out&..., const Context&).
   template <auto Member, class Servant>
   static void Serve(Servant& servant, ObjectHelper& request) {
     static_assert(std::is_invocable_r_v<uint32_t, decltype(Member), Servant&, const Ins&..., Outs&...,
                                         const Context&>,
                   "the servant member must take (const In&..., Out&..., const Context&) and "
                   "return its status");
+    Run(request, [&servant](const Ins&... in, Outs&... out, const Context& ctx) {
+      return (servant.*Member)(in..., out..., ctx);
+    });
+  }
+
+  // The skeleton of a servant's Serve overload for this operation's tag.
+  template <class Servant>
+  static void ServeTagged(Servant& servant, ObjectHelper& request) {
+    static_assert(requires(Servant& s, const Ins&... in, Outs&... out, const Context& ctx) {
+      { s.Serve(Operation{}, in..., out..., ctx) } -> std::convertible_to<uint32_t>;
+    }, "the servant needs a public uint32_t Serve(Op, const In&..., Out&..., const Context&) for this operation");
+    Run(request, [&servant](const Ins&... in, Outs&... out, const Context& ctx) -> uint32_t {
+      return servant.Serve(Operation{}, in..., out..., ctx);
+    });
+  }
+
+ private:
+  // Reads the in-parameters, runs the servant's code, then answers with its
+  // status and, on 0, the out-parameters.
+  template <class Body>
+  static void Run(ObjectHelper& request, const Body& body) {
     std::tuple<Ins...> ins;
-    std::apply([&request](auto&... in) { (request.is()->read(in), ...); }, ins);
+    std::apply([&request](auto&... in) { (Codec<Ins>::Read(*request.is(), in), ...); }, ins);
     request.PrepareServant();
     std::tuple<Outs...> outs;
     const uint32_t status = std::apply(
         [&](const auto&... in) {
-          return std::apply(
-              [&](auto&... out) -> uint32_t {
-                return (servant.*Member)(in..., out..., request.GetContext());
-              },
-              outs);
+          return std::apply([&](auto&... out) -> uint32_t { return body(in..., out..., request.GetContext()); },
+                            outs);
         },
         ins);
     const FILETIME end = platform::SystemTimeAsFileTime();
@@ -121,7 +133,7 @@ struct Operation<Name, In<Ins...>, Out<Outs...>, Mode> {
       return;
     }
     request.FinishServant(0, std::apply([](const auto&... out) { return LengthOfAll(out...); }, outs), end);
-    std::apply([&request](const auto&... out) { (request.os()->write(out), ...); }, outs);
+    std::apply([&request](const auto&... out) { (Codec<Outs>::Write(*request.os(), out), ...); }, outs);
   }
 };
 
@@ -140,33 +152,60 @@ struct Entry {
   }
 };
 
+// A row that runs the servant's Serve overload for Op.
+template <class Op>
+struct TaggedEntry {
+  using Operation = Op;
+
+  template <class Servant>
+  static void Run(Servant& servant, ObjectHelper& request) {
+    Op::template ServeTagged<Servant>(servant, request);
+  }
+};
+
 namespace operation_detail {
 
-template <size_t N>
-constexpr bool StrictlyAscending(const std::array<std::u16string_view, N>& names) {
+template <class Skeleton>
+struct Row {
+  std::u16string_view name;
+  Skeleton run;
+};
+
+template <class Skeleton, size_t N>
+constexpr std::array<Row<Skeleton>, N> Sorted(std::array<Row<Skeleton>, N> rows) {
+  std::sort(rows.begin(), rows.end(), [](const Row<Skeleton>& a, const Row<Skeleton>& b) { return a.name < b.name; });
+  return rows;
+}
+
+template <class Skeleton, size_t N>
+constexpr bool Distinct(const std::array<Row<Skeleton>, N>& sorted) {
   for (size_t i = 1; i < N; ++i) {
-    if (!(names[i - 1] < names[i])) return false;
+    if (sorted[i - 1].name == sorted[i].name) return false;
   }
   return true;
 }
 
 }  // namespace operation_detail
 
-// A servant's sorted operation table.
+// A servant's operation table, in any order; it is sorted by the names'
+// UTF-16 units when compiling.
 template <class Servant, class... Entries>
 class ServantTable {
+  using Skeleton = void (*)(Servant&, ObjectHelper&);
+  using Row = operation_detail::Row<Skeleton>;
+
  public:
-  static constexpr std::array<std::u16string_view, sizeof...(Entries)> kNames{
-      Entries::Operation::kName...};
-  static_assert(operation_detail::StrictlyAscending(kNames),
-                "operation names must be listed in strictly ascending order of their UTF-16 units");
+  static constexpr std::array<Row, sizeof...(Entries)> kRows =
+      operation_detail::Sorted(std::array<Row, sizeof...(Entries)>{
+          Row{Entries::Operation::kName, &Entries::template Run<Servant>}...});
+  static_assert(operation_detail::Distinct(kRows), "a servant's table lists each operation name once");
 
   // Runs the request's operation when the table lists it; false otherwise,
   // with nothing read or written.
   static bool TryDispatch(Servant& servant, ObjectHelper& request) {
-    const int32_t i = Find(request.GetContext().operation);
-    if (i < 0) return false;
-    kSkeletons[static_cast<size_t>(i)](servant, request);
+    const Row* row = Find(request.GetContext().operation);
+    if (row == nullptr) return false;
+    row->run(servant, request);
     return true;
   }
 
@@ -175,17 +214,41 @@ class ServantTable {
     if (!TryDispatch(servant, request)) servant.Object::Dispatch(request);
   }
 
-  // Index of `name` in kNames, -1 when absent.
-  static int32_t Find(std::u16string_view name) {
-    const auto it = std::lower_bound(kNames.begin(), kNames.end(), name);
-    if (it == kNames.end() || *it != name) return -1;
-    return static_cast<int32_t>(it - kNames.begin());
+  // The row of `name`, null when the table does not list it.
+  static const Row* Find(std::u16string_view name) {
+    const auto it = std::lower_bound(kRows.begin(), kRows.end(), name,
+                                     [](const Row& row, std::u16string_view key) { return row.name < key; });
+    if (it == kRows.end() || it->name != name) return nullptr;
+    return &*it;
   }
+};
 
- private:
-  using Skeleton = void (*)(Servant&, ObjectHelper&);
-  static constexpr std::array<Skeleton, sizeof...(Entries)> kSkeletons{
-      &Entries::template Run<Servant>...};
+// The operations an object type offers, under its type id (which
+// "ObjectIsA" answers for). Servants and proxies are made from it.
+template <OperationName TypeId, class... Ops>
+struct Interface {
+  static constexpr std::u16string_view kTypeId = TypeId.view();
+  template <class Op>
+  static constexpr bool kHas = (std::is_same_v<Op, Ops> || ...);
+
+  template <class Servant>
+  using Table = ServantTable<Servant, TaggedEntry<Ops>...>;
+};
+
+// The base of a servant of `Iface`: dispatches each of its operations to
+// the derived class's Serve overload for that operation, and answers
+// "ObjectIsA" for the interface's type id.
+template <class Derived, class Iface>
+class Servant : public Object {
+ public:
+  void Dispatch(ObjectHelper& request) override {
+    Iface::template Table<Derived>::Dispatch(static_cast<Derived&>(*this), request);
+  }
+  void GetObjectIds(std::vector<std::u16string>& ids) override {
+    Object::GetObjectIds(ids);
+    ids.emplace_back(Iface::kTypeId);
+  }
+  std::u16string GetObjectId() override { return std::u16string(Iface::kTypeId); }
 };
 
 }  // namespace TAVIX

@@ -6,17 +6,20 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <fstream>
 #include <numeric>
 #include <regex>
 #include <set>
 #include <thread>
 #include <tuple>
+#include <unordered_map>
 
 #include "tavix/core/format.h"
 #include "tavix/core/text.h"
 #include "tavix/invoke/messages.h"
 #include "tavix/marshal/blob.h"
+#include "tavix/marshal/codec.h"
 #include "tavix/testing/outcomes.h"
 #include "tavix/marshal/message_header.h"
 #include "tavix/marshal/stream_buffers.h"
@@ -184,6 +187,83 @@ TEST(BasicStreamWire, EveryTypeRoundTripsSizesAndBoolsDecode) {
   bools.stream.read(bits);
   bools.stream.read(flag);
   EXPECT_EQ(std::tuple(std::vector<bool>{true, false, true}, true), std::tuple(bits, flag));
+}
+
+// Application types: structs listing their members, nested vectors, maps and unsigned integers.
+struct Point {
+  int32_t x = 0;
+  int32_t y = 0;
+  static constexpr auto kFields = Fields(&Point::x, &Point::y);
+  bool operator==(const Point&) const = default;
+};
+
+struct Shape {
+  std::u16string name;
+  std::vector<Point> corners;
+  std::map<std::string, uint32_t> tags;
+  uint64_t id = 0;
+  uint16_t flags = 0;
+  static constexpr auto kFields = Fields(&Shape::name, &Shape::corners, &Shape::tags, &Shape::id, &Shape::flags);
+  bool operator==(const Shape&) const = default;
+};
+
+template <class T>
+Bytes EncodeValue(const T& value) {
+  const Bytes bytes = Encode([&](BasicStream& s) { Codec<T>::Write(s, value); });
+  EXPECT_EQ(static_cast<size_t>(Codec<T>::Length(value)), bytes.size());
+  return bytes;
+}
+
+template <class T>
+T DecodeValue(const Bytes& bytes, int32_t chunk = 0x7FFFFFFF) {
+  Decoder d(bytes, chunk);
+  T value{};
+  Codec<T>::Read(d.stream, value);
+  EXPECT_EQ(d.source->offset, bytes.size());
+  return value;
+}
+
+TEST(CodecWire, StructsVectorsMapsAndUnsignedIntegersHaveKnownBytes) {
+  EXPECT_EQ(EncodeValue(uint16_t{0xBEEF}), B({0xEF, 0xBE}));
+  EXPECT_EQ(EncodeValue(uint32_t{0xFFFFFFFE}), B({0xFE, 0xFF, 0xFF, 0xFF}));
+  EXPECT_EQ(EncodeValue(uint64_t{0x0102030405060708}), B({8, 7, 6, 5, 4, 3, 2, 1}));
+  EXPECT_EQ(EncodeValue(Point{1, -2}), B({1, 0, 0, 0, 0xFE, 0xFF, 0xFF, 0xFF}));
+  EXPECT_EQ(EncodeValue(std::vector<Point>{{1, 2}, {3, 4}}), B({2, 1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0, 4, 0, 0, 0}));
+  EXPECT_EQ(EncodeValue(std::vector<std::vector<int32_t>>{{7}, {}}), B({2, 1, 7, 0, 0, 0, 0}));
+  EXPECT_EQ(EncodeValue(std::vector<uint16_t>{1, 0xFFFF}), B({2, 1, 0, 0xFF, 0xFF}));
+  EXPECT_EQ(EncodeValue(std::map<std::string, int16_t>{{"b", 2}, {"a", 1}}), B({2, 1, 'a', 1, 0, 1, 'b', 2, 0}));
+  EXPECT_EQ(EncodeValue(std::unordered_map<int32_t, bool>{{9, true}}), B({1, 9, 0, 0, 0, 1}));
+  const Shape shape{u"sq", {{0, 0}, {1, 1}}, {{"k", 5}}, 0x1122334455667788, 0x8001};
+  EXPECT_EQ(EncodeValue(shape), B({2, 's', 0, 'q', 0,                               // name
+                                   2, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0,  // corners
+                                   1, 1, 'k', 5, 0, 0, 0,                              // tags
+                                   0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11,    // id
+                                   0x01, 0x80}));                                      // flags
+}
+
+TEST(CodecWire, ValuesRoundTripThroughSmallDeliveriesAndLongCounts) {
+  Shape shape{u"big", {}, {}, UINT64_MAX, 0xFFFF};
+  for (int32_t i = 0; i < 300; ++i) shape.corners.push_back({i, -i});
+  for (int32_t i = 0; i < 260; ++i) shape.tags[std::to_string(i)] = static_cast<uint32_t>(i) * 0x01010101u;
+  const Bytes bytes = EncodeValue(shape);
+  EXPECT_EQ(DecodeValue<Shape>(bytes, 3), shape);
+  std::unordered_map<std::u16string, std::vector<Point>> paths{{u"a", {{1, 1}}}, {u"b", {}}, {u"c", {{2, 3}, {4, 5}}}};
+  EXPECT_EQ(DecodeValue<decltype(paths)>(EncodeValue(paths), 1), paths);
+  // Reading replaces what the target held.
+  Decoder d(EncodeValue(std::map<int32_t, int32_t>{{1, 1}}));
+  std::map<int32_t, int32_t> target{{5, 5}, {6, 6}};
+  Codec<std::map<int32_t, int32_t>>::Read(d.stream, target);
+  EXPECT_EQ(target, (std::map<int32_t, int32_t>{{1, 1}}));
+}
+
+TEST(CodecWire, ForgedCountsCostOnlyTheBytesThatCome) {
+  // A count of 0x7FFFFFFF structs followed by one element: the read fails at the end of the input instead of
+  // making two billion elements first.
+  EXPECT_EQ(CodeOf([] { DecodeValue<std::vector<Point>>(B({0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 1, 0, 0, 0, 2, 0, 0, 0})); }),
+            Err::OutOfBounds);
+  EXPECT_EQ(CodeOf([] { DecodeValue<std::map<int32_t, int32_t>>(B({0xFF, 0xFF, 0xFF, 0xFF, 0x7F})); }),
+            Err::OutOfBounds);
+  EXPECT_EQ(CodeOf([] { DecodeValue<std::vector<uint32_t>>(B({0xFF, 0, 0, 0, 0x80})); }), Err::IllegalSize);
 }
 
 TEST(BasicStreamBlob, InlineBlobsInSequencesReuseTheirTargets) {

@@ -189,16 +189,13 @@ class RawUdp {
   platform::Socket m_socket;
 };
 
-// Adds a passport on every interface (TCP) or 127.0.0.1 (UDP): on `port`, or on a free one (retried, since another
-// process may take it first). The port, 0 on failure.
+// Adds a passport on every interface (TCP) or 127.0.0.1 (UDP): on `port`, or with 0 on one the system picks (the
+// adapter must be active for that port to be known). The port, 0 on failure.
 inline uint16_t Listen(ObjectAdapter& adapter, uint16_t port = 0, const std::string& protocol = "tcp") {
-  for (int attempt = 0; attempt < 20; ++attempt) {
-    const uint16_t candidate = port != 0 ? port : protocol == "tcp" ? FreePort() : RawUdp().port;
-    const std::string host = protocol == "tcp" ? " -h #any -p " : " -h 127.0.0.1 -p ";
-    if (adapter.AddPassport(protocol + host + std::to_string(candidate))) return candidate;
-    if (port != 0) break;
-  }
-  return 0;
+  const std::string host = protocol == "tcp" ? " -h #any -p " : " -h 127.0.0.1 -p ";
+  const SmartPtr<IpPassport> passport =
+      SmartPtr<IpPassport>::DynamicCast(adapter.AddPassport(protocol + host + std::to_string(port)));
+  return passport ? passport->Port() : 0;
 }
 
 // One servant in an active adapter of a communicator of its own, listening on TCP or UDP.

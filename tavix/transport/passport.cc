@@ -59,13 +59,13 @@ IpPassport::IpPassport(const IpPassport& other)
       IPassport(other),
       m_host(other.m_host),
       m_local(other.m_local),
-      m_port(other.m_port),
+      m_port(other.Port()),
       m_timeout(other.m_timeout) {}
 
 IpPassport& IpPassport::operator=(const IpPassport& other) {
   m_host = other.m_host;
   m_local = other.m_local;
-  m_port = other.m_port;
+  m_port.store(other.Port());
   m_timeout = other.m_timeout;
   return *this;
 }
@@ -102,9 +102,11 @@ bool IpPassport::Parse(const std::u16string& text) {
         ++counter;
         break;
       case u'p': {
+        // 0 only as written: a server then listens on a port the system
+        // picks; anything else unreadable is refused.
         const auto port = static_cast<uint16_t>(ReadDecimal(value));
-        if (port == 0) return false;
-        m_port = port;
+        if (port == 0 && value != u"0") return false;
+        m_port.store(port);
         ++counter;
         break;
       }
@@ -139,7 +141,7 @@ std::u16string& IpPassport::toString(std::u16string& out) const {
   text += u" -h ";
   text += m_local ? GetLocalHostName() : m_host;
   text += u" -p ";
-  text += WiddenString(std::to_string(m_port));
+  text += WiddenString(std::to_string(Port()));
   text += u" -t ";
   text += WiddenString(std::to_string(static_cast<int32_t>(m_timeout)));
   out = std::move(text);
@@ -157,7 +159,18 @@ bool IpPassport::Conflict(const IPassport& other) const {
   const auto* ip = dynamic_cast<const IpPassport*>(&other);
   if (ip == nullptr) return false;
   if (!m_local && !ip->m_local && !EqualsNoCase(m_host, ip->m_host)) return false;
-  return m_port == ip->m_port;
+  // Two endpoints that let the system pick never pick the same port.
+  return Port() != 0 && Port() == ip->Port();
+}
+
+void IpPassport::SettlePort(uint16_t bound) const {
+  uint16_t unsettled = 0;
+  m_port.compare_exchange_strong(unsettled, bound, std::memory_order_acq_rel);
+}
+
+int32_t IpPassport::RefuseUnsettledPort() const {
+  TavixSetLastError(Err::BadPassportString);
+  return -2;
 }
 
 bool IpPassport::operator==(const IPassport& /*other*/) const { return false; }
@@ -165,8 +178,9 @@ bool IpPassport::operator==(const IPassport& /*other*/) const { return false; }
 bool IpPassport::operator<(const IPassport& /*other*/) const { return false; }
 
 int32_t TcpPassport::CreateClientTransceiver(SmartPtr<ITransceiver>& holder) const {
+  if (Port() == 0) return RefuseUnsettledPort();
   InetAddr address;
-  if (!address.Set(Host().c_str(), Port())) return -1;
+  if (!address.Set(Host().c_str(), Port())) return -2;
   if (holder && holder->Type() != PASSPORT_TCP) {
     holder->Close();
     holder = nullptr;
@@ -193,7 +207,7 @@ int32_t TcpPassport::CreateAcceptor(SmartPtr<IAcceptor>& holder) const {
       TavixSetLastError(Err::CannotCreateAcceptor);
       return -2;
     }
-    if (!address.Set(Host().c_str(), Port())) return -1;
+    if (!address.Set(Host().c_str(), Port())) return -2;
   }
   SmartPtr<TcpAcceptor> acceptor = SmartPtr<TcpAcceptor>::DynamicCast(holder);
   if (acceptor) {
@@ -203,18 +217,20 @@ int32_t TcpPassport::CreateAcceptor(SmartPtr<IAcceptor>& holder) const {
   }
   acceptor->SetAddress(address);
   if (acceptor->Open() != 0) return -1;
+  SettlePort(acceptor->Address().Port());
   holder = acceptor;
   return 0;
 }
 
 int32_t UdpPassport::OpenInHolder(SmartPtr<ITransceiver>& holder, int32_t mode) const {
+  if (mode == UdpTransceiver::UDP_MODE_CLIENT && Port() == 0) return RefuseUnsettledPort();
   if (holder && holder->Type() != PASSPORT_UDP) {
     holder->Close();
     holder = nullptr;
   }
   InetAddr address;
   if (!IsLocal()) {
-    if (!address.Set(Host().c_str(), Port())) return -1;
+    if (!address.Set(Host().c_str(), Port())) return -2;
   } else if (mode == UdpTransceiver::UDP_MODE_CLIENT) {
     address.SetBroadcast(Port());
   } else {
@@ -227,6 +243,7 @@ int32_t UdpPassport::OpenInHolder(SmartPtr<ITransceiver>& holder, int32_t mode) 
     transceiver = MakeShared<UdpTransceiver>(static_cast<UdpTransceiver::Mode>(mode), address);
   }
   if (transceiver->Open() != 0) return -1;
+  if (mode == UdpTransceiver::UDP_MODE_SERVER) SettlePort(transceiver->Endpoint().Port());
   holder = transceiver;
   return 0;
 }

@@ -4,6 +4,7 @@
 #ifndef TAVIX_TRANSPORT_PASSPORT_H_
 #define TAVIX_TRANSPORT_PASSPORT_H_
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -76,7 +77,16 @@ class IpPassport : public IPassport {
   const std::u16string& Host() const { return m_host; }
   // This machine on every interface (-h #any, or for TCP its own name).
   bool IsLocal() const { return m_local; }
-  uint16_t Port() const { return m_port; }
+  // 0 on a server endpoint until its first listening socket is bound:
+  // the system picks the port, and the endpoint prints it from then on.
+  uint16_t Port() const { return m_port.load(std::memory_order_acquire); }
+
+ protected:
+  // Records the port the system chose for an endpoint written with -p 0.
+  void SettlePort(uint16_t bound) const;
+  // -2 with Err::BadPassportString when the endpoint names no port: a
+  // client cannot connect to port 0.
+  int32_t RefuseUnsettledPort() const;
 
  private:
   bool Parse(const std::u16string& text);
@@ -84,7 +94,9 @@ class IpPassport : public IPassport {
 
   std::u16string m_host = u"0.0.0.0";
   bool m_local = false;
-  uint16_t m_port = kDefaultPort;
+  // Settled at most once, from 0, by the first bind (SettlePort); printed
+  // concurrently by the adapter's proxy strings.
+  mutable std::atomic<uint16_t> m_port{kDefaultPort};
   uint32_t m_timeout = 0;
 };
 

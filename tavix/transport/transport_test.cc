@@ -274,7 +274,7 @@ TEST(PassportGrammarTest, RefusedStringsSetBadPassportString) {
       u"tcp -h a -p 1 tcp", u"-h a tcp -p 1", u"udp -h a -p 1",  // misplaced or foreign protocol word
       u"tcp -H a -p 1", u"tcp -h a -p 1 -x 5", u"tcp -h a -p 1 --", u"tcp -h a -p 1 -hh b", u"tcp -h a -p 1 extra",
       u"tcp -h -p 10", u"tcp -h #ANY -p 1", u"tcp -h #x -p 1",                      // bad host
-      u"tcp -h a -p", u"tcp -h a -p 0", u"tcp -h a -p x", u"tcp -h a -p 65536",  // bad port
+      u"tcp -h a -p", u"tcp -h a -p 00", u"tcp -h a -p x", u"tcp -h a -p 65536",  // bad port
       u"tcp -h a -p 1 -t 00", u"tcp -h a -p 1 -t abc", u"tcp -h a -p 1 -t",     // bad time-out
   };
   for (const char16_t* text : refused) {
@@ -362,7 +362,11 @@ TEST(PassportFactoryTest, MakesPassportsByProtocolWordAndRefusedEndpointsLeaveHo
     EXPECT_FALSE(holder);
   }
   const SmartPtr<TcpPassport> unknown = Made(u"tcp -h no-such-host.invalid -p 1");
-  EXPECT_EQ((Outcome{-1, EINVAL}), OutcomeOf([&] { return unknown->CreateClientTransceiver(client); }));
+  EXPECT_EQ((Outcome{-2, Err::HostNotFound}), OutcomeOf([&] { return unknown->CreateClientTransceiver(client); }));
+  EXPECT_FALSE(client);
+  // Port 0 asks the system for a port, which a client cannot connect to.
+  EXPECT_EQ((Outcome{-2, Err::BadPassportString}),
+            OutcomeOf([&] { return Made(u"tcp -h 127.0.0.1 -p 0")->CreateClientTransceiver(client); }));
   EXPECT_FALSE(client);
 }
 

@@ -32,8 +32,12 @@ void UdpTransceiver::SetModeLocked(Mode mode) {
 
 bool UdpTransceiver::Bind() {
   SetModeLocked(UDP_MODE_SERVER);
-  if (SockWrapper::Bind(m_endpoint)) return true;
-  return false;
+  if (!SockWrapper::Bind(m_endpoint)) return false;
+  // A port of 0 asked the system for one: keep the one it chose.
+  InetAddr bound;
+  uint32_t length = InetAddr::SockAddrLen();
+  if (m_endpoint.Port() == 0 && m_socket.LocalName(bound.SockAddr(), length)) m_endpoint = bound;
+  return true;
 }
 
 bool UdpTransceiver::Connect() {

@@ -59,7 +59,7 @@ class UdpTransceiver : public SocketTransceiver {
 
   Mode m_mode;              // guarded by m_lock
   InetAddr m_replyAddress;  // guarded by m_lock
-  InetAddr m_endpoint;      // set before the socket opens
+  InetAddr m_endpoint;      // set before the socket opens; a port of 0 becomes the bound one
   int32_t m_maxMessageSize = 0;
 };
 
