@@ -4,6 +4,7 @@
 
 #include "tavix/core/errors.h"
 #include "tavix/platform/clock.h"
+#include "tavix/platform/file.h"
 #include "tavix/platform/process.h"
 
 namespace TAVIX {
@@ -22,14 +23,41 @@ std::string TraceLog::LogPathFor(const std::string& executable) {
   return (dot == std::string::npos ? executable : executable.substr(0, dot)) + "_tavix.log";
 }
 
+std::string TraceLog::BaseName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+std::string TraceLog::FolderFor(const std::string& folder) {
+  if (!folder.empty() && platform::File::IsWritableDirectory(folder)) return folder;
+  return platform::File::TemporaryDirectory();
+}
+
+std::string TraceLog::DefaultFolder() {
+  const std::string executable = platform::ExecutablePath();
+  return FolderFor(executable.substr(0, executable.rfind('/') + 1));
+}
+
+std::string TraceLog::DefaultPath() {
+  const std::string executable = platform::ExecutablePath();
+  if (executable.empty()) return {};
+  return DefaultFolder() + LogPathFor(BaseName(executable));
+}
+
 bool TraceLog::EnsureOpen() {
   if (m_file.IsOpen()) return true;
-  if (m_path.empty()) {
-    const std::string executable = platform::ExecutablePath();
-    if (executable.empty()) return false;
-    m_path = LogPathFor(executable);
-  }
+  if (m_path.empty()) m_path = DefaultPath();
+  if (m_path.empty()) return false;
   return m_file.Open(m_path, platform::File::Mode::kAppendWrite);
+}
+
+void TraceLog::SetPath(std::string path) {
+  ScopedLock guard(m_lock);
+  if (m_file.IsOpen()) m_file.SyncData();
+  m_file.Close();
+  m_path = std::move(path);
+}
+
+std::string TraceLog::Path() {
+  ScopedLock guard(m_lock);
+  return m_path.empty() ? DefaultPath() : m_path;
 }
 
 int TraceLog::AppendLine(const char16_t* format, std::span<const FormatArg> args) {

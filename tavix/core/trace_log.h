@@ -1,7 +1,8 @@
 // The two tracing paths: tavixTrace, the exported debug trace, which takes
 // informational texts and discards them (the library itself writes none),
 // and TraceLog, the process-wide writer of error lines to a UTF-16LE file
-// beside the executable.
+// beside the executable (or in the folder the application chose, or in the
+// system's temporary folder when the executable's cannot be written).
 #ifndef TAVIX_CORE_TRACE_LOG_H_
 #define TAVIX_CORE_TRACE_LOG_H_
 
@@ -27,8 +28,8 @@ class TraceLog {
   static constexpr size_t kMessageLimit = 541;
   static constexpr int64_t kSizeLimit = 0x200000;
 
-  // A writer for the given file; the process-wide writer logs beside the
-  // executable (see LogPathFor).
+  // A writer for the given file; the process-wide writer logs in
+  // DefaultFolder() (see LogPathFor) until SetPath names another file.
   explicit TraceLog(std::string path = {});
   TraceLog(const TraceLog&) = delete;
   TraceLog& operator=(const TraceLog&) = delete;
@@ -51,6 +52,20 @@ class TraceLog {
   }
 
   void Close();
+  // Closes the current file; the next line goes to `path`.
+  void SetPath(std::string path);
+  // The file lines go to: the one given, else the default one.
+  std::string Path();
+
+  // Where the log and the exception reports go when the application chose
+  // no folder: the executable's own folder when it can be written, else
+  // the system's temporary folder, where temporary blob files go too.
+  // Ends with '/'.
+  static std::string DefaultFolder();
+  // As DefaultFolder, for an executable in `folder` (ending with '/').
+  static std::string FolderFor(const std::string& folder);
+  // The last part of a path: "/opt/app/server" -> "server".
+  static std::string BaseName(const std::string& path);
 
   // "/opt/app/server" -> "/opt/app/server_tavix.log": everything from the
   // last dot of the whole path is replaced, or the suffix is appended.
@@ -65,8 +80,11 @@ class TraceLog {
   int AppendLine(const char16_t* format, std::span<const FormatArg> args);
   bool EnsureOpen();
 
+  // The default file: LogPathFor of the executable's name, in DefaultFolder.
+  static std::string DefaultPath();
+
   platform::File m_file;  // guarded by m_lock, which is held across each line's write
-  std::string m_path;
+  std::string m_path;     // guarded by m_lock
   SpinLock m_lock;
 };
 

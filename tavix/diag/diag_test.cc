@@ -17,7 +17,11 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tavix/core/trace_log.h"
 #include "tavix/diag/exception_codes.h"
+#include "tavix/diag/log_folder.h"
+#include "tavix/platform/file.h"
+#include "tavix/platform/process.h"
 #include "tavix/testing/report_files.h"
 
 // This program's file version, as a program names it for its reports.
@@ -120,6 +124,33 @@ TEST_F(ReportFileTest, FaultOfAPlainThreadIsReportedAndEndsTheProcessByItsSignal
       << text;
   EXPECT_EQ(SIGABRT, SignalOfChild([] { std::abort(); }));
   EXPECT_NE(std::string::npos, Text(m_path).find("Exception code: E0000006 Aborted\r\n"));
+}
+
+// A chosen folder takes the log's next lines and the reports under their usual names; a folder that cannot be
+// written is refused and changes nothing; without a choice, an executable's folder that cannot be written sends
+// both to the temporary folder.
+TEST_F(ReportFileTest, AChosenLogFolderTakesLinesAndReportsAndUnwritableFoldersFallBack) {
+  const std::string usualLog = LogFilePath(), usualReport = ReportFilePath();
+  const std::string name = TraceLog::BaseName(platform::ExecutablePath());
+  EXPECT_FALSE(SetLogFolder((m_dir / "missing").string()));
+  EXPECT_EQ(usualLog, LogFilePath());
+  ASSERT_TRUE(SetLogFolder(m_dir.string()));
+  EXPECT_EQ((m_dir / TraceLog::LogPathFor(name)).string(), LogFilePath());
+  EXPECT_EQ((m_dir / ExceptionReport::PathFor(name)).string(), ReportFilePath());
+  TraceLog::Write(u"ERROR: into the chosen folder\n");
+  const std::string log = Text(LogFilePath());
+  EXPECT_NE(std::string::npos, log.find("ERROR: into the chosen folder\r\n")) << log;
+  if (kRealFaults) {
+    m_path = ReportFilePath();
+    EXPECT_EQ(SIGSEGV, SignalOfChild([] { std::thread(WriteThroughNull).join(); }));
+    EXPECT_NE(std::string::npos, Text(m_path).find("ACCESS_VIOLATION"));
+  }
+  ASSERT_TRUE(SetLogFolder(usualLog.substr(0, usualLog.rfind('/'))));
+  ExceptionReport::SetPath(usualReport);
+  EXPECT_EQ(usualLog, LogFilePath());
+  EXPECT_EQ(platform::File::TemporaryDirectory(), TraceLog::FolderFor("/proc/no-such-folder/"));
+  EXPECT_EQ(platform::File::TemporaryDirectory(), TraceLog::FolderFor(""));
+  EXPECT_EQ(m_dir.string() + "/", TraceLog::FolderFor(m_dir.string() + "/"));
 }
 
 TEST_F(ReportFileTest, UnwritablePathGivesNoReportAndStillEndsTheProcess) {

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <string_view>
 
+#include "tavix/core/trace_log.h"
 #include "tavix/diag/exception_codes.h"
 #include "tavix/diag/report_file.h"
 #include "tavix/diag/stack_walk.h"
@@ -182,7 +183,8 @@ void OnFault(const platform::FaultEvent& fault) {
 }  // namespace
 
 void ExceptionReport::Install() {
-  SetPath(PathFor(platform::ExecutablePath()));
+  const std::string executable = platform::ExecutablePath();
+  SetPath(executable.empty() ? std::string() : TraceLog::DefaultFolder() + PathFor(TraceLog::BaseName(executable)));
   if (g_loadThreadStack == nullptr) g_loadThreadStack = new platform::AltSignalStack();
   platform::InstallFaultHandlers(&OnFault);
 }

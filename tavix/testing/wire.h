@@ -22,6 +22,7 @@
 #include "tavix/core/inet_addr.h"
 #include "tavix/core/text.h"
 #include "tavix/core/trace_log.h"
+#include "tavix/diag/log_folder.h"
 #include "tavix/marshal/blob.h"
 #include "tavix/testing/outcomes.h"
 #include "tavix/marshal/message_header.h"
@@ -313,7 +314,7 @@ class Disconnects {
   size_t m_taken = 0;
 };
 
-// This process's lines of the trace log beside the test executable written
+// This process's lines of the trace log written
 // since construction, each without its "[pid-tid] date time " header.
 class LogLines {
  public:
@@ -332,7 +333,7 @@ class LogLines {
 
  private:
   static std::vector<std::u16string> Read() {
-    std::ifstream in(TraceLog::LogPathFor(platform::ExecutablePath()), std::ios::binary);
+    std::ifstream in(LogFilePath(), std::ios::binary);
     const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     std::u16string text(bytes.size() / 2, u'\0');
     std::memcpy(text.data(), bytes.data(), text.size() * 2);
