@@ -19,6 +19,7 @@
 #include "tavix/core/text.h"
 #include "tavix/invoke/messages.h"
 #include "tavix/marshal/blob.h"
+#include "tavix/marshal/blob_bytes.h"
 #include "tavix/marshal/codec.h"
 #include "tavix/testing/outcomes.h"
 #include "tavix/marshal/message_header.h"
@@ -264,6 +265,35 @@ TEST(CodecWire, ForgedCountsCostOnlyTheBytesThatCome) {
   EXPECT_EQ(CodeOf([] { DecodeValue<std::map<int32_t, int32_t>>(B({0xFF, 0xFF, 0xFF, 0xFF, 0x7F})); }),
             Err::OutOfBounds);
   EXPECT_EQ(CodeOf([] { DecodeValue<std::vector<uint32_t>>(B({0xFF, 0, 0, 0, 0x80})); }), Err::IllegalSize);
+}
+
+// Blobs from and to plain bytes: an empty value and a null blob travel alike and read back alike; large content
+// goes through a file and comes back whole.
+TEST(BlobBytes, EmptyAndNullAreAlikeAndLargeContentRoundTrips) {
+  const SmartPtr<ITavixBlob> empty = MakeBlob(std::string_view());
+  ASSERT_TRUE(empty);
+  const SmartPtr<ITavixBlob> none;
+  EXPECT_TRUE(IsEmpty(empty) && IsEmpty(none));
+  EXPECT_EQ(Encode([&](BasicStream& s) { s.write(empty); }), B({0}));
+  EXPECT_EQ(Encode([&](BasicStream& s) { s.write(none); }), B({0}));
+  Decoder d(B({0}));
+  SmartPtr<ITavixBlob> arrived = MakeBlob(std::string_view("stale"));
+  d.stream.read(arrived);
+  std::string text = "stale";
+  EXPECT_EQ(0u, ReadBlob(arrived, text));
+  EXPECT_EQ("", text) << "an empty value arrives as a null blob and reads as no bytes";
+
+  std::vector<std::byte> large(3 * kBlobFileThreshold + 17);
+  for (size_t i = 0; i < large.size(); ++i) large[i] = static_cast<std::byte>(i * 7 + i / 4096);
+  const SmartPtr<ITavixBlob> blob = MakeBlob(large);
+  ASSERT_TRUE(blob);
+  EXPECT_EQ(FileBlob, blob->Type());
+  EXPECT_EQ(large.size(), BlobSize(blob));
+  std::vector<std::byte> back;
+  EXPECT_EQ(0u, ReadBlob(blob, back));
+  EXPECT_TRUE(back == large);
+  EXPECT_EQ(0u, ReadBlob(MakeBlob(std::string_view("abc", 3)), text));
+  EXPECT_EQ("abc", text);
 }
 
 TEST(BasicStreamBlob, InlineBlobsInSequencesReuseTheirTargets) {
