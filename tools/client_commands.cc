@@ -16,11 +16,15 @@ namespace TAVIX::tools {
 
 const char* const kClientUsage =
     "       tavix ping <proxy-string> [--count N] [--oneway] [--timeout MS]\n"
-    "       tavix call <proxy-string> echo <text> | isa <type-id> | fault <kind> [--timeout MS]\n"
+    "       tavix call <proxy-string> echo <text> | isa <type-id> | fail <status> | fault <kind>\n"
+    "                  [--timeout MS] [--status-text CODE=TEXT]...\n"
     "  <proxy-string>  \"object-id:endpoint\" as serve prints it, e.g. \"Echo:tcp -h host -p 5678 -t 0\"\n"
     "  --count         number of pings (default 1)\n"
     "  --oneway        send one-way pings (the time is the sending time)\n"
     "  --timeout       reply time-out in milliseconds, replacing the proxy string's\n"
+    "  fail <status>   the Echo object answers with that status (decimal or 0x hex)\n"
+    "  --status-text   a text for an application status (0x40000000..0x4FFFFFFF),\n"
+    "                  printed when a call ends with it; may repeat\n"
     "  fault <kind>    makes a server started with --allow-faults fault: 1 null write,\n"
     "                  2 integer division by zero, 3 stack overflow, 4 abort\n";
 
@@ -52,6 +56,32 @@ bool ParseCount(std::string_view text, int32_t minimum, int32_t& value) {
   return true;
 }
 
+// A status: decimal, or hexadecimal after "0x"; false unless it is whole
+// and fits 32 bits.
+bool ParseStatus(std::string_view text, uint32_t& value) {
+  const bool hex = text.size() > 2 && (text.substr(0, 2) == "0x" || text.substr(0, 2) == "0X");
+  if (hex) text.remove_prefix(2);
+  if (text.empty() || text.size() > (hex ? 8u : 10u)) return false;
+  uint64_t n = 0;
+  for (const char c : text) {
+    const int digit = c >= '0' && c <= '9' ? c - '0' : hex && c >= 'a' && c <= 'f' ? c - 'a' + 10
+                                                    : hex && c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+    if (digit < 0) return false;
+    n = n * (hex ? 16 : 10) + static_cast<uint64_t>(digit);
+  }
+  if (n > UINT32_MAX) return false;
+  value = static_cast<uint32_t>(n);
+  return true;
+}
+
+// "CODE=TEXT" registered as an application status's text.
+bool RegisterStatusOption(std::string_view option) {
+  const size_t equals = option.find('=');
+  uint32_t code = 0;
+  return equals != std::string_view::npos && ParseStatus(option.substr(0, equals), code) &&
+         RegisterStatusText(code, option.substr(equals + 1));
+}
+
 // The proxy string and the words after it, with the shared options taken
 // out.
 struct ClientArgs {
@@ -66,7 +96,11 @@ struct ClientArgs {
 const char* ParseArgs(int argc, char** argv, bool pingOptions, ClientArgs& args) {
   for (int i = 0; i < argc; ++i) {
     const std::string_view arg = argv[i];
-    if (arg == "--timeout") {
+    if (arg == "--status-text") {
+      if (i + 1 >= argc || !RegisterStatusOption(argv[++i])) {
+        return "--status-text needs CODE=TEXT with a code from 0x40000000 to 0x4FFFFFFF";
+      }
+    } else if (arg == "--timeout") {
       if (i + 1 >= argc || !ParseCount(argv[++i], 0, args.timeoutMs)) return "--timeout needs milliseconds";
     } else if (pingOptions && arg == "--count") {
       if (i + 1 >= argc || !ParseCount(argv[++i], 1, args.count)) return "--count needs a number above 0";
@@ -127,17 +161,21 @@ int Ping(int argc, char** argv) {
 int Call(int argc, char** argv) {
   ClientArgs args;
   if (const char* complaint = ParseArgs(argc, argv, false, args)) return Usage("call", complaint);
-  const bool fault = args.words.size() == 2 && args.words[0] == "fault";
+  const std::string_view verb = args.words.empty() ? "" : args.words[0];
+  const bool fault = verb == "fault", fail = verb == "fail";
   int32_t kind = 0;
-  if (args.words.size() != 2 || (args.words[0] != "echo" && args.words[0] != "isa" && !fault)) {
-    return Usage("call", "expected: echo <text>, isa <type-id> or fault <kind>");
+  uint32_t status = 0;
+  if (args.words.size() != 2 || (verb != "echo" && verb != "isa" && !fault && !fail)) {
+    return Usage("call", "expected: echo <text>, isa <type-id>, fail <status> or fault <kind>");
   }
   if (fault && !ParseCount(args.words[1], 0, kind)) return Usage("call", "fault needs a kind from 1 to 4");
+  if (fail && !ParseStatus(args.words[1], status)) return Usage("call", "fail needs a 32-bit status");
   const std::u16string argument = WiddenString(args.words[1]);
 
   return WithProxy("call", args, [&](EchoPrx& proxy) {
-    if (fault) {
-      if (const uint32_t r = proxy.Fault(kind); r != 0) return Failure("call", "Fault failed", r);
+    if (fault || fail) {
+      const uint32_t r = fault ? proxy.Fault(kind) : proxy.Fail(static_cast<int32_t>(status));
+      if (r != 0) return Failure("call", fault ? "Fault failed" : "Fail failed", r);
       std::printf("0x00000000\n");
     } else if (args.words[0] == "echo") {
       std::u16string answer;

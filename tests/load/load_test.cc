@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <memory>
@@ -25,18 +26,21 @@ void Figure(const T&... parts) {
   (std::cout << ... << parts) << std::endl;
 }
 
-// `tavix serve` on a free port as a child process, started through the shell so that a descriptor limit can be set
+// `tavix serve` on a port the system picks, as a child process, started through the shell so that a descriptor limit can be set
 // first. It runs a copy of the tool in a folder of its own, so that its log (beside the executable) is its own too.
 class Server {
  public:
-  explicit Server(const std::string& options, int32_t fileLimit = 0) : port(FreePort()) {
+  explicit Server(const std::string& options, int32_t fileLimit = 0) {
     std::filesystem::copy_file(TAVIX_TOOL_PATH, m_dir / "tavix");
     const std::string limit = fileLimit > 0 ? "ulimit -n " + std::to_string(fileLimit) + "; " : "";
     m_output = popen(("echo $$; " + limit + "exec " + (m_dir / "tavix").string() + " serve --endpoint 'tcp -h #any -p " +
-                      std::to_string(port) + "' " + options + " 2>&1").c_str(), "r");
+                      "0' " + options + " 2>&1").c_str(), "r");
     char line[512];
     m_pid = std::fgets(line, sizeof line, m_output) != nullptr ? std::atoi(line) : 0;  // the shell's, then the tool's
     EXPECT_NE(nullptr, std::fgets(line, sizeof line, m_output)) << "the server printed its proxy string";
+    const char* printed = std::strstr(line, " -p ");
+    port = printed != nullptr ? static_cast<uint16_t>(std::atoi(printed + 4)) : 0;
+    EXPECT_NE(0, port) << line;
   }
   ~Server() {
     if (m_pid > 0) kill(m_pid, SIGKILL), waitpid(m_pid, nullptr, 0);
@@ -67,7 +71,7 @@ class Server {
            client.Send(Request(1, u"Echo", u"ObjectPing")) && ParseReply(client.ReceiveMessage()).requestId == 1;
   }
   pid_t Pid() const { return m_pid; }
-  const uint16_t port;
+  uint16_t port = 0;
 
  private:
   const std::filesystem::path m_dir = std::filesystem::path(mkdtemp(std::string("/tmp/tavix-load-XXXXXX").data()));
