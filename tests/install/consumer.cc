@@ -37,8 +37,8 @@ int main() {
   if (proxies.size() != 1) return 1;
   auto proxy = TAVIX::CreateProxy<TAVIX::Proxy<Ranges>>(communicator, proxies[0]);
   uint64_t width = 0;
-  std::printf("status %u width %llu\n", proxy->Call<WidthOp>(Range{5, 0xFFFFFFFF}, width),
-              static_cast<unsigned long long>(width));
+  const uint32_t status = proxy->Call<WidthOp>(Range{5, 0xFFFFFFFF}, width);
+  std::printf("status %u width %llu\n", status, static_cast<unsigned long long>(width));
   std::string text;
   const uint32_t reversed = proxy->Call<WidthOp>(Range{9, 1}, width);
   std::printf("0x%08X %s\n", reversed, TAVIX::GetErrMsg(reversed, text).c_str());
