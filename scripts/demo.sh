@@ -104,12 +104,16 @@ show "$build/tools/tavix" ping "$udp" --count 2
 echo "a broadcast proxy carries one-way calls only:"
 show "$build/tools/tavix" ping "Echo:udp -h #any -p $port -t 3000" --oneway --count 1
 show "$build/tools/tavix" ping "Echo:udp -h #any -p $port -t 3000" || true
+echo "a servant's own status prints the text the client registered for it:"
+show "$build/tools/tavix" call "$proxy" fail 0x40000001 --status-text "0x40000001=No such key" || true
+echo "an unknown host is named as such:"
+show "$build/tools/tavix" call "Echo:tcp -h no-such-host.invalid -p 5678 -t 3000" echo x || true
 
-port=$(free_port)
 # A copy of the tool of its own, so that its report and log start empty.
 cp "$build/tools/tavix" "$workdir/tavix"
-step "a servant fault: tavix serve --allow-faults on port $port"
-start_server "$workdir/faults.log" "$workdir/tavix" serve --allow-faults --endpoint "tcp -h #any -p $port"
+step "a servant fault: tavix serve --allow-faults on a port the system picks (-p 0)"
+start_server "$workdir/faults.log" "$workdir/tavix" serve --allow-faults --endpoint "tcp -h 127.0.0.1 -p 0"
+port=$(head -n 1 "$workdir/faults.log" | sed 's/.* -p \([0-9]*\) .*/\1/')
 echo "kind 1 writes through a null pointer in the servant; only that client's connection ends:"
 show "$workdir/tavix" call "Echo:tcp -h 127.0.0.1 -p $port -t 30000" fault 1 || true
 echo "the server goes on answering other clients:"
@@ -117,13 +121,12 @@ show "$workdir/tavix" call "Echo:tcp -h 127.0.0.1 -p $port -t 3000" echo "still 
 echo "its log (UTF-16) says:"
 iconv -f UTF-16 -t UTF-8 "$workdir/tavix_tavix.log" | grep -a "Win32 SE" | sed 's/^/  /'
 echo "the first 40 lines of its exception report ($workdir/tavix.RPT):"
-iconv -f UTF-16 -t UTF-8 "$workdir/tavix.RPT" | tr -d '\r' | head -n 40 | sed 's/^/  /'
+iconv -f UTF-16 -t UTF-8 "$workdir/tavix.RPT" | tr -d '\r' | sed -n '1,40p' | sed 's/^/  /'
 stop_servers
 
-port=$(free_port)
-step "the examples: echo_server on port $port, echo_client against it"
-start_server "$workdir/example.log" "$build/examples/echo_server" "tcp -h #any -p $port"
-show "$build/examples/echo_client" "Echo:tcp -h 127.0.0.1 -p $port -t 3000" "hello, example"
+step "the examples: kv_server on a port the system picks, kv_client against it"
+start_server "$workdir/example.log" "$build/examples/kv_server"
+show "$build/examples/kv_client" "$(head -n 1 "$workdir/example.log") -t 5000"
 
 step "stopping the servers (SIGTERM)"
 stop_servers
