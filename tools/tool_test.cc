@@ -162,6 +162,31 @@ TEST(TavixServe, ServantFaultEndsOnlyItsConnectionAndLeavesAReport) {
   std::filesystem::remove_all(dir);
 }
 
+// A program in a folder it cannot write keeps its log in the temporary folder, as its temporary blob files do.
+TEST(TavixCall, LogGoesToTheTemporaryFolderWhenTheProgramsFolderCannotBeWritten) {
+  const std::filesystem::path dir = std::filesystem::temp_directory_path() / ("tavix_ro_" + std::to_string(getpid()));
+  const std::filesystem::path tmp = dir.string() + "_tmp";
+  std::filesystem::create_directories(dir);
+  std::filesystem::create_directories(tmp);
+  std::filesystem::copy_file(TAVIX_TOOL_PATH, dir / "tavix", std::filesystem::copy_options::overwrite_existing);
+  // Immutable: not even root may create a file in it.
+  if (std::system(("chattr +i " + dir.string() + " 2>/dev/null").c_str()) != 0) {
+    std::filesystem::remove_all(dir);
+    std::filesystem::remove_all(tmp);
+    GTEST_SKIP() << "no immutable folders here";
+  }
+  ToolProcess tool("call 'Echo:tcp -h no-such-host.invalid -p 5678' echo x",
+                   "env TMPDIR=" + tmp.string() + " " + (dir / "tavix").string());
+  std::string output;
+  EXPECT_EQ(1, tool.Wait(&output));
+  EXPECT_NE(std::string::npos, output.find("0x20000409 Host not found.")) << output;
+  EXPECT_NE(std::string::npos, test_report::Text((tmp / "tavix_tavix.log").string()).find("DNS Error:no-such-host.invalid"));
+  EXPECT_FALSE(std::filesystem::exists(dir / "tavix_tavix.log"));
+  EXPECT_EQ(0, std::system(("chattr -i " + dir.string()).c_str()));
+  std::filesystem::remove_all(dir);
+  std::filesystem::remove_all(tmp);
+}
+
 class ClientCommandsTest : public ::testing::Test {
  protected:
   std::string Proxy(const std::string& object = "Echo") const {
