@@ -161,7 +161,7 @@ int Ping(int argc, char** argv) {
 int Call(int argc, char** argv) {
   ClientArgs args;
   if (const char* complaint = ParseArgs(argc, argv, false, args)) return Usage("call", complaint);
-  const std::string_view verb = args.words.empty() ? "" : args.words[0];
+  const std::string_view verb = args.words.empty() ? std::string_view() : std::string_view(args.words[0]);
   const bool fault = verb == "fault", fail = verb == "fail";
   int32_t kind = 0;
   uint32_t status = 0;
