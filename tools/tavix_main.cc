@@ -17,7 +17,8 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: tavix serve [--endpoint \"<endpoint string>\"]... [--name <object-id>] [--allow-faults]\n"
-    "  --endpoint      an endpoint to listen on (default \"tcp -h #any -p 5678\"), TCP or UDP; may repeat\n"
+    "  --endpoint      an endpoint to listen on (default \"tcp -h #any -p 5678\"), TCP or UDP; may repeat;\n"
+    "                  -p 0 lets the system pick the port, which the printed proxy string names\n"
     "  --name          the Echo object's id (default \"Echo\")\n"
     "  --allow-faults  the Echo object also answers \"Fault\" (see tavix call ... fault)\n"
     "  --max-connections N  live TCP clients at most (default 10000); more are closed at once\n"
