@@ -3,6 +3,7 @@
 #include "tavix/client/proxy_helper.h"
 #include "tavix/core/errors.h"
 #include "tavix/invoke/connection.h"
+#include "tavix/platform/clock.h"
 #include "tavix/runtime/communicator.h"
 #include "tavix/transport/transceiver.h"
 
@@ -44,19 +45,40 @@ ProxyObject::~ProxyObject() {
 
 void ProxyObject::Bind(const SmartPtr<Communicator>& communicator, const SmartPtr<IPassport>& passport,
                        const std::u16string& objectName) {
+  Bind(communicator, EndpointSet::Of(passport), objectName);
+}
+
+void ProxyObject::Bind(const SmartPtr<Communicator>& communicator, EndpointSet endpoints,
+                       const std::u16string& objectName) {
   ScopedLock guard(m_callLock);
   if (m_connection && m_communicator) m_communicator->Finish(m_connection);
   m_connection = nullptr;
   m_communicator = communicator;
-  m_passport = passport;
+  m_endpoints = std::move(endpoints);
+  m_passport = m_endpoints.At(m_endpoints.Current());
   m_objectName = objectName;
+}
+
+void ProxyObject::SetEndpointOrder(EndpointSet::Order order) {
+  ScopedLock guard(m_callLock);
+  m_endpoints.SetOrder(order);
+  if (!m_connection) m_passport = m_endpoints.At(m_endpoints.Current());
+}
+
+std::u16string ProxyObject::EndpointsText() {
+  ScopedLock guard(m_callLock);
+  return m_endpoints.Print();
 }
 
 void ProxyObject::AutoReconnect(bool on) { m_autoReconnect.store(on ? 1 : 0); }
 
 bool ProxyObject::AutoReconnect() const { return m_autoReconnect.load() != 0; }
 
-void ProxyObject::Timeout(uint32_t timeoutMs) { m_passport->Timeout(timeoutMs); }
+void ProxyObject::Timeout(uint32_t timeoutMs) {
+  ScopedLock guard(m_callLock);
+  for (size_t i = 0; i < m_endpoints.Size(); ++i) m_endpoints.At(i)->Timeout(timeoutMs);
+  m_passport->Timeout(timeoutMs);
+}
 
 uint32_t ProxyObject::Timeout() const { return m_passport->Timeout(); }
 
@@ -67,16 +89,41 @@ std::u16string ProxyObject::GetObjectId() { return std::u16string(kTypeId); }
 uint32_t ProxyObject::Setup() {
   ScopedLock guard(m_callLock);
   if (m_communicator->IsShutdown()) return Err::CommunicatorClosed;
+  // A connection that failed before: the next one starts elsewhere.
+  const bool reconnect = static_cast<bool>(m_connection);
   if (m_connection) {
     if (m_connection->GetState() == Connection::StateConnected) return 0;
     if (!AutoReconnect()) return Err::ProxyClosed;
   } else {
     m_connection = MakeShared<Connection>();
   }
+  return Connect(reconnect);
+}
 
+// The request has not left yet, so going on to the next endpoint after a
+// failure is safe. Within the time-out: an attempt starts only while it
+// has not passed (0 waits without limit, so every endpoint is tried).
+uint32_t ProxyObject::Connect(bool moveOn) {
+  const uint64_t start = platform::TickCountMs();
+  const uint32_t timeout = Timeout();
+  uint32_t last = Err::ConnectionClosed;
+  for (const size_t i : m_endpoints.Candidates(start, moveOn)) {
+    if (timeout != 0 && platform::TickCountMs() - start >= timeout) break;
+    m_passport = m_endpoints.At(i);
+    last = ConnectTo(m_passport);
+    if (last == 0) {
+      m_endpoints.Connected(i);
+      return 0;
+    }
+    m_endpoints.Failed(i, platform::TickCountMs());
+  }
+  return last;
+}
+
+uint32_t ProxyObject::ConnectTo(const SmartPtr<IPassport>& passport) {
   // The passport reuses the transceiver the connection already has.
   SmartPtr<ITransceiver> transceiver = m_connection->GetTransceiver();
-  if (m_passport->CreateClientTransceiver(transceiver) < 0) {
+  if (passport->CreateClientTransceiver(transceiver) < 0) {
     const uint32_t e = LastErrorOr(Err::ConnectionClosed);
     m_connection->SetState(Connection::StateClosed);
     return e;
@@ -159,22 +206,31 @@ uint32_t ProxyObject::SendBlobWithoutOutParam(const SmartPtr<ITavixBlob>& blob, 
   }
 }
 
-bool ParseProxyString(const std::u16string& text, std::u16string& objectName, SmartPtr<IPassport>& passport) {
+bool ParseProxyString(const std::u16string& text, std::u16string& objectName, EndpointSet& endpoints) {
   const size_t colon = text.find(u':');
   if (colon == std::u16string::npos || colon == 0) {
     TavixSetLastError(Err::BadProxyString);
     return false;
   }
-  SmartPtr<IPassport> made = PassportFactory().Create(text.substr(colon + 1));
-  if (!made) return false;
+  EndpointSet made;
+  if (!EndpointSet::Parse(std::u16string_view(text).substr(colon + 1), made)) return false;
   // Port 0 means "any free port" only to a server.
-  const auto* ip = dynamic_cast<const IpPassport*>(made.get());
-  if (ip != nullptr && ip->Port() == 0) {
-    TavixSetLastError(Err::BadPassportString);
-    return false;
+  for (size_t i = 0; i < made.Size(); ++i) {
+    const auto* ip = dynamic_cast<const IpPassport*>(made.At(i).get());
+    if (ip != nullptr && ip->Port() == 0) {
+      TavixSetLastError(Err::BadPassportString);
+      return false;
+    }
   }
   objectName = text.substr(0, colon);
-  passport = made;
+  endpoints = std::move(made);
+  return true;
+}
+
+bool ParseProxyString(const std::u16string& text, std::u16string& objectName, SmartPtr<IPassport>& passport) {
+  EndpointSet endpoints;
+  if (!ParseProxyString(text, objectName, endpoints)) return false;
+  passport = endpoints.At(0);
   return true;
 }
 

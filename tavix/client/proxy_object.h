@@ -1,6 +1,7 @@
-// The client-side representative of one remote object: the endpoint's
-// passport, the object name under which the servant is registered, and the
-// proxy's own connection, opened and validated at the first call. Every
+// The client-side representative of one remote object: the endpoints it
+// can be reached through, the object name under which the servant is
+// registered, and the proxy's own connection, opened and validated at the
+// first call through the first endpoint that answers. Every
 // application proxy derives from ProxyObject and adds one method per remote
 // operation (see typed_call.h for the short way to write them).
 #ifndef TAVIX_CLIENT_PROXY_OBJECT_H_
@@ -12,6 +13,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "tavix/client/endpoint_set.h"
 #include "tavix/core/locks.h"
 #include "tavix/core/shared.h"
 #include "tavix/core/text.h"
@@ -42,10 +44,13 @@ class ProxyObject : public virtual Shared {
   // Whether a connection closed by a failure is reopened by the next call.
   void AutoReconnect(bool on);
   bool AutoReconnect() const;
-  // The reply time-out of every call, kept in the passport; 0 waits
-  // without limit.
+  // The reply time-out of every call, kept in the passports (set on all of
+  // them; read from the one in use); 0 waits without limit.
   void Timeout(uint32_t timeoutMs);
   uint32_t Timeout() const;
+  // Which endpoint a new connection tries first: a random one (the
+  // default, which spreads clients over servers) or the first written.
+  void SetEndpointOrder(EndpointSet::Order order);
   // The last call's timings and sizes; read it on the calling thread.
   const TavixPerfmon& GetLastPerfmon() const { return m_perfmon; }
 
@@ -55,12 +60,16 @@ class ProxyObject : public virtual Shared {
   // whatever request id the reply carries, and reads no results.
   uint32_t SendBlobWithoutOutParam(const SmartPtr<ITavixBlob>& blob, bool oneway);
 
-  // Gives the proxy its runtime, endpoint and object name. A connection
+  // Gives the proxy its runtime, endpoints and object name. A connection
   // the proxy already had is finished first. CreateProxy does this.
   void Bind(const SmartPtr<Communicator>& communicator, const SmartPtr<IPassport>& passport,
             const std::u16string& objectName);
+  void Bind(const SmartPtr<Communicator>& communicator, EndpointSet endpoints, const std::u16string& objectName);
   const SmartPtr<Communicator>& GetCommunicator() const { return m_communicator; }
+  // The endpoint in use, or the one the next connection tries first.
   const SmartPtr<IPassport>& GetPassport() const { return m_passport; }
+  // The proxy string's form of the endpoints: "tcp -h a -p 1 -t 0:tcp ...".
+  std::u16string EndpointsText();
   const std::u16string& ObjectName() const { return m_objectName; }
 
   static constexpr std::u16string_view kTypeId = u"::TAVIX::Object";
@@ -85,8 +94,13 @@ class ProxyObject : public virtual Shared {
   uint32_t Setup();
 
  private:
-  // Set by Bind, read by the calls (Bind takes the call lock too).
-  SmartPtr<IPassport> m_passport;
+  // Connects and validates through the endpoints in turn until one
+  // answers; the code of the last failure when none does. Call lock held.
+  uint32_t Connect(bool moveOn);
+  uint32_t ConnectTo(const SmartPtr<IPassport>& passport);
+
+  EndpointSet m_endpoints;       // guarded by m_callLock
+  SmartPtr<IPassport> m_passport;  // the endpoint in use; guarded by m_callLock
   std::u16string m_objectName;
   SmartPtr<Communicator> m_communicator;
   SmartPtr<Connection> m_connection;  // guarded by m_callLock
@@ -95,10 +109,12 @@ class ProxyObject : public virtual Shared {
   TavixPerfmon m_perfmon;             // guarded by m_callLock; read by the caller after its call
 };
 
-// Splits a proxy string as an adapter prints it, "object-id:endpoint" (the
-// id ends at the first ':'), and makes the endpoint's passport. False with
-// 0x2000000A when there is no ':' or the id is empty, or with the passport
-// factory's error when the endpoint is bad.
+// Splits a proxy string as an adapter prints it, "object-id:endpoint[:...]"
+// (the id ends at the first ':'), and makes the endpoints' passports (the
+// first one in `passport`). False with 0x2000000A when there is no ':' or
+// the id is empty, with 0x20000003 for an endpoint on port 0, or with the
+// passport factory's error when an endpoint is bad.
+bool ParseProxyString(const std::u16string& text, std::u16string& objectName, EndpointSet& endpoints);
 bool ParseProxyString(const std::u16string& text, std::u16string& objectName,
                       SmartPtr<IPassport>& passport);
 
@@ -109,10 +125,10 @@ template <class T = ProxyObject>
 SmartPtr<T> CreateProxy(const SmartPtr<Communicator>& communicator, const std::u16string& proxyString) {
   static_assert(std::is_base_of_v<ProxyObject, T>, "proxies derive from ProxyObject");
   std::u16string objectName;
-  SmartPtr<IPassport> passport;
-  if (!ParseProxyString(proxyString, objectName, passport)) return nullptr;
+  EndpointSet endpoints;
+  if (!ParseProxyString(proxyString, objectName, endpoints)) return nullptr;
   SmartPtr<T> proxy = MakeShared<T>();
-  static_cast<ProxyObject&>(*proxy).Bind(communicator, passport, objectName);
+  static_cast<ProxyObject&>(*proxy).Bind(communicator, std::move(endpoints), objectName);
   return proxy;
 }
 

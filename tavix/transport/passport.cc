@@ -282,4 +282,8 @@ SmartPtr<IPassport> PassportFactory::Create(const std::u16string& text) const {
 
 SmartPtr<IPassport> PassportFactory::Create(const std::string& text) const { return Create(WiddenString(text)); }
 
+bool PassportFactory::IsProtocolWord(std::u16string_view word) {
+  return EqualsNoCase(word, ProtocolWord(PASSPORT_TCP)) || EqualsNoCase(word, ProtocolWord(PASSPORT_UDP));
+}
+
 }  // namespace TAVIX

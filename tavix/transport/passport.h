@@ -154,6 +154,8 @@ class PassportFactory {
   // the passport's Create left.
   SmartPtr<IPassport> Create(const std::u16string& text) const;
   SmartPtr<IPassport> Create(const std::string& text) const;
+  // Whether `word` names a transport ("tcp", "udp"; any case).
+  static bool IsProtocolWord(std::u16string_view word);
 };
 
 }  // namespace TAVIX
