@@ -17,12 +17,14 @@ namespace TAVIX::tools {
 const char* const kClientUsage =
     "       tavix ping <proxy-string> [--count N] [--oneway] [--timeout MS]\n"
     "       tavix call <proxy-string> echo <text> | isa <type-id> | fail <status> | fault <kind>\n"
-    "                  [--timeout MS] [--status-text CODE=TEXT]...\n"
+    "                  [--timeout MS] [--status-text CODE=TEXT]... [--repeat N]\n"
     "  <proxy-string>  \"object-id:endpoint\" as serve prints it, e.g. \"Echo:tcp -h host -p 5678 -t 0\"\n"
     "  --count         number of pings (default 1)\n"
     "  --oneway        send one-way pings (the time is the sending time)\n"
     "  --timeout       reply time-out in milliseconds, replacing the proxy string's\n"
     "  fail <status>   the Echo object answers with that status (decimal or 0x hex)\n"
+    "  --repeat N      echo only: N calls on one proxy with \"<text> 1\" ... \"<text> N\",\n"
+    "                  one line each (a failed call's line names its code); exit 1 if any failed\n"
     "  --status-text   a text for an application status (0x40000000..0x4FFFFFFF),\n"
     "                  printed when a call ends with it; may repeat\n"
     "  fault <kind>    makes a server started with --allow-faults fault: 1 null write,\n"
@@ -87,7 +89,8 @@ bool RegisterStatusOption(std::string_view option) {
 struct ClientArgs {
   std::string proxyString;
   std::vector<std::string> words;
-  int32_t count = 1;
+  int32_t count = 1;  // pings, or echo calls with --repeat
+  bool repeat = false;
   bool oneway = false;
   int32_t timeoutMs = -1;  // -1: as the proxy string says
 };
@@ -102,6 +105,9 @@ const char* ParseArgs(int argc, char** argv, bool pingOptions, ClientArgs& args)
       }
     } else if (arg == "--timeout") {
       if (i + 1 >= argc || !ParseCount(argv[++i], 0, args.timeoutMs)) return "--timeout needs milliseconds";
+    } else if (!pingOptions && arg == "--repeat") {
+      if (i + 1 >= argc || !ParseCount(argv[++i], 1, args.count)) return "--repeat needs a number above 0";
+      args.repeat = true;
     } else if (pingOptions && arg == "--count") {
       if (i + 1 >= argc || !ParseCount(argv[++i], 1, args.count)) return "--count needs a number above 0";
     } else if (pingOptions && arg == "--oneway") {
@@ -133,6 +139,27 @@ int WithProxy(const char* command, const ClientArgs& args, Body body) {
     }
   }
   communicator->Destroy();
+  return status;
+}
+
+// `--repeat N`: N echo calls on the one proxy, each reply or failure on
+// its own line in request order. The proxy reconnects after a failure, so
+// that failing over to another endpoint can be watched.
+int RepeatEcho(EchoPrx& proxy, const ClientArgs& args) {
+  proxy.AutoReconnect(true);
+  int status = 0;
+  for (int32_t seq = 1; seq <= args.count; ++seq) {
+    const std::u16string text = WiddenString(args.words[1] + " " + std::to_string(seq));
+    std::u16string answer;
+    if (const uint32_t r = proxy.Echo(text, answer); r != 0) {
+      std::string message;
+      std::printf("call %d failed: 0x%08X %s\n", seq, r, GetErrMsg(r, message).c_str());
+      status = 1;
+    } else {
+      std::printf("%s\n", NarrowString(answer).c_str());
+    }
+    std::fflush(stdout);
+  }
   return status;
 }
 
@@ -170,7 +197,9 @@ int Call(int argc, char** argv) {
   }
   if (fault && !ParseCount(args.words[1], 0, kind)) return Usage("call", "fault needs a kind from 1 to 4");
   if (fail && !ParseStatus(args.words[1], status)) return Usage("call", "fail needs a 32-bit status");
+  if (args.repeat && verb != "echo") return Usage("call", "--repeat goes with echo only");
   const std::u16string argument = WiddenString(args.words[1]);
+  if (args.repeat) return WithProxy("call", args, [&](EchoPrx& proxy) { return RepeatEcho(proxy, args); });
 
   return WithProxy("call", args, [&](EchoPrx& proxy) {
     if (fault || fail) {

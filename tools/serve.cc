@@ -54,6 +54,9 @@ int Serve(const ServeOptions& options) {
   std::vector<std::string> proxies;
   adapter->GetProxyString(options.name, proxies);
   for (const std::string& proxy : proxies) std::printf("%s\n", proxy.c_str());
+  // Several endpoints: last, one proxy string naming them all.
+  std::string all;
+  if (proxies.size() > 1 && adapter->GetProxyStringOfAll(options.name, all)) std::printf("%s\n", all.c_str());
   std::fflush(stdout);
 
   if (platform::WaitForTerminationSignal() < 0) {

@@ -107,9 +107,15 @@ TEST(TavixServe, PrintsProxiesServesEchoAndStopsOnSignals) {
     }
     if (signal == SIGTERM) {
       EXPECT_NE(ports[0], ports[1]);
+      // Last, one proxy string names all three endpoints, and calls go through it.
+      const std::string all = tool.Line();
+      for (const std::string& line : lines) EXPECT_NE(std::string::npos, all.find(line.substr(name.size()))) << all;
+      SmartPtr<EchoPrx> proxy = CreateProxy<EchoPrx>(Initialize(), all);
+      std::u16string out;
+      EXPECT_EQ(0u, proxy->Echo(u"all", out));
     }
     tool.Signal(signal);
-    EXPECT_EQ(signal == SIGTERM ? "requests: 3" : "requests: 1", tool.Line());
+    EXPECT_EQ(signal == SIGTERM ? "requests: 4" : "requests: 1", tool.Line());
     EXPECT_EQ(0, tool.Wait()) << "signal " << signal;
   }
 }

@@ -230,6 +230,22 @@ bool ObjectAdapter::GetProxyString(const std::string& id, std::vector<std::strin
   return true;
 }
 
+bool ObjectAdapter::GetProxyStringOfAll(const std::u16string& id, std::u16string& proxy) {
+  if (!FindServant(id)) return false;
+  ScopedLock guard(m_passportLock);
+  std::u16string text = id, printed;
+  for (const auto& [passport, factory] : m_passports) text += u":" + passport->toString(printed);
+  proxy = std::move(text);
+  return true;
+}
+
+bool ObjectAdapter::GetProxyStringOfAll(const std::string& id, std::string& proxy) {
+  std::u16string wide;
+  if (!GetProxyStringOfAll(WiddenString(id), wide)) return false;
+  proxy = NarrowString(wide);
+  return true;
+}
+
 void ObjectAdapter::DecrementInvocations() {
   int32_t current = m_invocations.load();
   while (current >= 1 && !m_invocations.compare_exchange_weak(current, current - 1)) {

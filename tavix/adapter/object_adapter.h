@@ -104,6 +104,11 @@ class ObjectAdapter : public IObjectHost {
   // cleared.
   bool GetProxyString(const std::u16string& id, std::vector<std::u16string>& proxies);
   bool GetProxyString(const std::string& id, std::vector<std::string>& proxies);
+  // One proxy string naming every endpoint of the adapter, "id:ep1:ep2",
+  // which a client fails over across. False (ObjectNotFound) for an id
+  // without servant.
+  bool GetProxyStringOfAll(const std::u16string& id, std::u16string& proxy);
+  bool GetProxyStringOfAll(const std::string& id, std::string& proxy);
 
   // Requests being dispatched right now.
   int32_t GetInvocationCount() const { return m_invocations.load(); }

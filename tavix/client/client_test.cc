@@ -7,6 +7,7 @@
 #include <list>
 #include <map>
 #include <mutex>
+#include <set>
 #include <unordered_map>
 
 #include "tavix/client/typed_call.h"
@@ -370,6 +371,131 @@ TEST_F(ProxyTest, AnInterfaceDeclaredOnceCarriesStructsMapsAndApplicationStatuse
   EXPECT_FALSE(RegisterStatusText(1, "mine")) << "platform codes keep theirs";
   EXPECT_EQ("Host not found.", GetErrMsg(Err::HostNotFound, text));
   EXPECT_TRUE(IsAppStatus(AppStatus::Last) && !IsAppStatus(AppStatus::Last + 1) && !IsAppStatus(Err::Last));
+}
+
+// Several endpoints: the grammar splits only where a word follows a separator, one endpoint prints as before, and
+// bad lists are refused with the codes a single bad endpoint gives.
+TEST(EndpointSetTest, ParsesPrintsAndRefusesEndpointLists) {
+  const auto printed = [](const std::u16string& text) {
+    EndpointSet set;
+    EXPECT_TRUE(EndpointSet::Parse(text, set)) << NarrowString(text);
+    return std::tuple(set.Size(), set.Print());
+  };
+  EXPECT_EQ(std::tuple(size_t{1}, std::u16string(u"tcp -h 10.0.0.1 -p 5678 -t 0")), printed(u"tcp -h 10.0.0.1 -p 5678"));
+  EXPECT_EQ(std::tuple(size_t{2}, std::u16string(u"tcp -h a -p 1 -t 0:udp -h b -p 2 -t 7")),
+            printed(u"tcp -h a -p 1 -t 0:udp -h b -p 2 -t 7"));
+  EXPECT_EQ(std::tuple(size_t{3}, std::u16string(u"ordered:tcp -h a -p 1 -t 0:tcp -h b -p 2 -t 0:tcp -h c -p 3 -t 0")),
+            printed(u"ordered: tcp -h a -p 1 : TCP -h b -p 2:tcp -h c -p 3"));
+  const std::pair<const char16_t*, uint32_t> refused[] = {
+      {u"ordered", Err::BadProxyString},                       // an option alone
+      {u"tcp -h a -p 1:sctp -h b -p 2", Err::UnsupportedFunction},  // a word that is no transport
+      {u"tcp -h a -p 1:tcp -h b", Err::BadPassportString},     // a bad second endpoint
+      {u"tcp -h a -p 1:ordered:tcp -h b -p 2", Err::UnsupportedFunction},  // the option only comes first
+      {u"", Err::BadPassportString}};
+  for (const auto& [text, code] : refused) {
+    EndpointSet set;
+    EXPECT_EQ(code, Refused([&] { return EndpointSet::Parse(text, set); })) << NarrowString(text);
+  }
+  SmartPtr<Communicator> client = Initialize();
+  EXPECT_EQ(Err::BadPassportString, Refused([&] { return CreateProxy(client, "A:tcp -h a -p 1:tcp -h b -p 0"); }));
+  client->Destroy();
+}
+
+// Back-off: an endpoint that failed goes last for 1 s, then 2 s, doubling to 30 s; a success forgets it. A random
+// start spreads proxies over all endpoints; a written order always starts at the first.
+TEST(EndpointSetTest, FailedEndpointsBackOffAndRandomStartsSpread) {
+  EndpointSet set;
+  ASSERT_TRUE(EndpointSet::Parse(u"ordered:tcp -h a -p 1:tcp -h b -p 2:tcp -h c -p 3", set));
+  using V = std::vector<size_t>;
+  EXPECT_EQ((V{0, 1, 2}), set.Candidates(0, false));
+  set.Failed(0, 10000);
+  EXPECT_EQ((V{1, 2, 0}), set.Candidates(10999, false));
+  EXPECT_EQ((V{0, 1, 2}), set.Candidates(11000, false));
+  set.Failed(0, 11000);
+  EXPECT_EQ((V{1, 2, 0}), set.Candidates(12999, false)) << "twice as long";
+  for (int i = 0; i < 10; ++i) set.Failed(0, 20000);
+  EXPECT_EQ((V{1, 2, 0}), set.Candidates(49999, false));
+  EXPECT_EQ((V{0, 1, 2}), set.Candidates(50000, false)) << "at most 30 s";
+  set.Failed(1, 50000);
+  set.Failed(2, 50000);
+  set.Failed(0, 50000);
+  EXPECT_EQ((V{0, 1, 2}), set.Candidates(50001, false)) << "all backing off: all are still tried, in order";
+  set.Connected(0);
+  EXPECT_EQ((V{0, 1, 2}), set.Candidates(50002, false));
+  set.Failed(0, 60000);
+  EXPECT_EQ((V{1, 2, 0}), set.Candidates(60999, false)) << "a success started the back-off over at 1 s";
+  std::array<int, 3> starts{};
+  for (int i = 0; i < 300; ++i) {
+    EndpointSet spread;
+    ASSERT_TRUE(EndpointSet::Parse(u"tcp -h a -p 1:tcp -h b -p 2:tcp -h c -p 3", spread));
+    ++starts[spread.Candidates(0, false).front()];
+  }
+  for (const int n : starts) EXPECT_GT(n, 50) << "each of three endpoints starts about 100 of 300 proxies";
+}
+
+// Over loopback: a refused endpoint is passed over within the call, a dead list fails with the last error within the
+// time-out, and a server that goes away mid-series moves the next calls to the other one, with no request sent twice.
+using TextOp = Operation<u"Text", In<std::u16string>, Out<std::u16string>>;
+using Texts = Interface<u"::Test::Texts", TextOp>;
+
+class TextServant final : public Servant<TextServant, Texts> {
+ public:
+  uint32_t Serve(TextOp, const std::u16string& in, std::u16string& out, const Context&) {
+    std::lock_guard lock(m_mutex);
+    m_seen.push_back(in);
+    out = in;
+    return 0;
+  }
+  std::vector<std::u16string> Seen() {
+    std::lock_guard lock(m_mutex);
+    return m_seen;
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::vector<std::u16string> m_seen;  // guarded by m_mutex
+};
+
+TEST_F(ProxyTest, CallsFailOverToTheNextEndpointAndNeverRepeatARequest) {
+  const std::string closed = "tcp -h 127.0.0.1 -p " + std::to_string(FreePort());
+  auto one = MakeShared<TextServant>(), two = MakeShared<TextServant>();
+  auto first = std::make_unique<TestServer>(one, 0, "T");
+  TestServer second(two, 0, "T");
+  const std::string live1 = "tcp -h 127.0.0.1 -p " + std::to_string(first->port);
+  const std::string live2 = "tcp -h 127.0.0.1 -p " + std::to_string(second.port);
+  using TextPrx = TAVIX::Proxy<Texts>;
+  std::u16string out;
+  auto start = steady_clock::now();
+  SmartPtr<TextPrx> passing = CreateProxy<TextPrx>(m_client, "T:ordered:" + closed + ":" + live2 + " -t 2000");
+  EXPECT_EQ(0u, passing->Call<TextOp>(std::u16string(u"passed over"), out));
+  EXPECT_LT(steady_clock::now() - start, milliseconds(1000));
+  // Every endpoint down: the last error, within the time-out.
+  FakeServer silent({[](RawClient& peer) { peer.Receive(1); }});
+  const std::string mute = silent.ProxyString(300).substr(2);
+  start = steady_clock::now();
+  SmartPtr<TextPrx> dead =
+      CreateProxy<TextPrx>(m_client, "T:ordered:" + closed + " -t 300:" + mute + ":" + closed + " -t 300");
+  EXPECT_EQ(Err::ReceiveTimeout, dead->Call<TextOp>(std::u16string(u"x"), out));
+  EXPECT_LT(steady_clock::now() - start, milliseconds(1000)) << "no attempt starts after the time-out";
+  SmartPtr<TextPrx> refused = CreateProxy<TextPrx>(m_client, "T:" + closed + ":" + closed);
+  EXPECT_EQ(static_cast<uint32_t>(ECONNREFUSED), refused->Call<TextOp>(std::u16string(u"x"), out));
+  // A series on one proxy over both live servers; the one in use goes away in the middle.
+  SmartPtr<TextPrx> series = CreateProxy<TextPrx>(m_client, "T:ordered:" + live1 + " -t 2000:" + live2);
+  series->AutoReconnect(true);
+  int failed = 0;
+  for (int i = 1; i <= 20; ++i) {
+    if (i == 11) first.reset();
+    const std::u16string text = WiddenString(std::to_string(i));
+    if (series->Call<TextOp>(text, out) != 0) ++failed;
+  }
+  EXPECT_LE(failed, 1) << "only a call whose request had left may fail";
+  const std::vector<std::u16string> seenOne = one->Seen(), seenTwo = two->Seen();
+  EXPECT_EQ(10u, seenOne.size());
+  std::set<std::u16string> all(seenOne.begin(), seenOne.end());
+  for (const std::u16string& text : seenTwo) {
+    EXPECT_TRUE(all.insert(text).second) << "sent twice: " << NarrowString(text);
+  }
+  EXPECT_EQ(static_cast<size_t>(20 - failed) + 1, all.size()) << "the other server took every later call";
 }
 
 TEST_F(ProxyTest, RecordedRequestsMatchSentOnesAndAreSentAsTheyAre) {

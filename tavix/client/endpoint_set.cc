@@ -17,20 +17,28 @@ std::u16string_view Trimmed(std::u16string_view text) {
   return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
-// The first word of a segment: what decides whether it starts an endpoint.
+// The first word of a segment, up to a blank or the next separator: what
+// decides whether it starts an endpoint.
 std::u16string_view FirstWord(std::u16string_view segment) {
   const std::u16string_view trimmed = Trimmed(segment);
-  return trimmed.substr(0, std::min(trimmed.find_first_of(kBlanks), trimmed.size()));
+  return trimmed.substr(0, std::min(trimmed.find_first_of(u" \t\r\n:"), trimmed.size()));
 }
 
-// Splits at each ':' that a transport word follows (or that the option
-// follows); other colons stay inside their endpoint's text.
+bool IsLetters(std::u16string_view word) {
+  return !word.empty() && std::all_of(word.begin(), word.end(), [](char16_t c) {
+    return (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z');
+  });
+}
+
+// Splits at each ':' that a word of letters follows, as a transport word or
+// the option does; the passport factory then refuses a word that is
+// neither, so no separator is ever taken silently into a host or a port.
+// Other colons stay inside their endpoint's text.
 std::vector<std::u16string_view> Segments(std::u16string_view text) {
   std::vector<std::u16string_view> segments;
   size_t start = 0;
   for (size_t colon = text.find(u':'); colon != std::u16string_view::npos; colon = text.find(u':', colon + 1)) {
-    const std::u16string_view next = FirstWord(text.substr(colon + 1));
-    if (PassportFactory::IsProtocolWord(next) || next == kOrderedOption) {
+    if (IsLetters(FirstWord(text.substr(colon + 1)))) {
       segments.push_back(text.substr(start, colon - start));
       start = colon + 1;
     }

@@ -1,7 +1,7 @@
 // The endpoints a proxy may reach its object through, and which to try
 // next. A proxy string lists them after the object id, each in its printed
-// form, separated by ':'; a new endpoint starts where a transport word
-// follows a separator, so host texts never split:
+// form, separated by ':'; a new endpoint starts where a word of letters (a
+// transport word) follows a separator, so host texts never split:
 //
 //   Echo:tcp -h 10.0.0.1 -p 5678 -t 0:udp -h 10.0.0.2 -p 5678 -t 0
 //
