@@ -221,6 +221,20 @@ TEST_F(ClientCommandsTest, PingPrintsOneLinePerCallAndCallAnswers) {
   }
 }
 
+// --repeat: one line per call in request order, over a proxy string with a dead endpoint first; a failed call's line
+// names its code and makes the exit status 1.
+TEST_F(ClientCommandsTest, RepeatPrintsEachReplyInOrderAndFailuresByTheirCode) {
+  const std::string dead = "tcp -h 127.0.0.1 -p " + std::to_string(FreePort());
+  ToolRun run = Tool("call 'Echo:ordered:" + dead + ":tcp -h 127.0.0.1 -p " + std::to_string(m_server.port) +
+                     " -t 3000' echo hello --repeat 3");
+  EXPECT_EQ(0, run.status) << run.output;
+  EXPECT_EQ("hello 1\nhello 2\nhello 3\n", run.output);
+  run = Tool("call 'Echo:" + dead + "' echo hello --repeat 2");
+  EXPECT_EQ(1, run.status);
+  EXPECT_EQ("call 1 failed: 0x0000006F Connection refused\ncall 2 failed: 0x0000006F Connection refused\n", run.output);
+  EXPECT_EQ(2, Tool("call " + Proxy() + " isa x --repeat 2").status) << "--repeat goes with echo only";
+}
+
 // Failures of the client commands and of `tavix serve`'s start.
 TEST_F(ClientCommandsTest, FailuresPrintTheirCodeAndExitOneOrTwo) {
   const std::string closed = std::to_string(FreePort());
