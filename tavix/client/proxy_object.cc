@@ -65,11 +65,6 @@ void ProxyObject::SetEndpointOrder(EndpointSet::Order order) {
   if (!m_connection) m_passport = m_endpoints.At(m_endpoints.Current());
 }
 
-std::u16string ProxyObject::EndpointsText() {
-  ScopedLock guard(m_callLock);
-  return m_endpoints.Print();
-}
-
 void ProxyObject::AutoReconnect(bool on) { m_autoReconnect.store(on ? 1 : 0); }
 
 bool ProxyObject::AutoReconnect() const { return m_autoReconnect.load() != 0; }
@@ -77,7 +72,6 @@ bool ProxyObject::AutoReconnect() const { return m_autoReconnect.load() != 0; }
 void ProxyObject::Timeout(uint32_t timeoutMs) {
   ScopedLock guard(m_callLock);
   for (size_t i = 0; i < m_endpoints.Size(); ++i) m_endpoints.At(i)->Timeout(timeoutMs);
-  m_passport->Timeout(timeoutMs);
 }
 
 uint32_t ProxyObject::Timeout() const { return m_passport->Timeout(); }

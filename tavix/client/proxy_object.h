@@ -68,8 +68,6 @@ class ProxyObject : public virtual Shared {
   const SmartPtr<Communicator>& GetCommunicator() const { return m_communicator; }
   // The endpoint in use, or the one the next connection tries first.
   const SmartPtr<IPassport>& GetPassport() const { return m_passport; }
-  // The proxy string's form of the endpoints: "tcp -h a -p 1 -t 0:tcp ...".
-  std::u16string EndpointsText();
   const std::u16string& ObjectName() const { return m_objectName; }
 
   static constexpr std::u16string_view kTypeId = u"::TAVIX::Object";
