@@ -37,9 +37,7 @@ inline constexpr int32_t kSocketBuffer = 65536;  // what every TAVIX connection 
 // A port nobody listens on right now (the probe closes it again).
 inline uint16_t FreePort() {
   TcpAcceptor probe;
-  InetAddr any;
-  any.SetAny(0);
-  probe.SetAddress(any);
+  probe.SetAddress(platform::SocketAddress::Any(platform::AddressFamily::kIPv4, 0));
   return probe.Open() == 0 ? probe.Address().Port() : 0;
 }
 

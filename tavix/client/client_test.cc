@@ -71,18 +71,19 @@ class FakeServer {
  public:
   using Script = std::function<void(RawClient&)>;
   explicit FakeServer(std::vector<Script> scripts) {
-    InetAddr address = Loopback(0);
-    uint32_t length = InetAddr::SockAddrLen();
-    EXPECT_TRUE(m_listener.Create(platform::SocketType::kStream) && m_listener.Bind(address.SockAddr(), length) &&
-                m_listener.Listen(4) && m_listener.LocalName(address.SockAddr(), length));
+    platform::SocketAddress address = Loopback(0);
+    uint32_t length = platform::SocketAddress::kCapacity;
+    EXPECT_TRUE(m_listener.Create(platform::SocketType::kStream) && m_listener.Bind(address.Data(), address.Length()) &&
+                m_listener.Listen(4) && m_listener.LocalName(address.Buffer(), length));
+    address.SetLength(length);
     m_port = address.Port();
     m_thread = std::thread([this, scripts] {
       for (const Script& script : scripts) {
         platform::Socket accepted;
-        InetAddr peer;
-        uint32_t peerLength = InetAddr::SockAddrLen();
+        platform::SocketAddress peer;
+        uint32_t peerLength = platform::SocketAddress::kCapacity;
         if (m_listener.Poll(platform::PollFor::kRead, 5000) != 1 ||
-            !m_listener.Accept(accepted, peer.SockAddr(), peerLength)) {
+            !m_listener.Accept(accepted, peer.Buffer(), peerLength)) {
           return;
         }
         script(m_peers.emplace_back(std::move(accepted)));

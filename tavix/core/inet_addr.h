@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "tavix/platform/socket_address.h"
+
 namespace TAVIX {
 
 class InetAddr {
@@ -35,6 +37,7 @@ class InetAddr {
   const void* SockAddr() const { return this; }
   void* SockAddr() { return this; }
   static constexpr size_t SockAddrLen() { return 16; }
+  platform::SocketAddress ToSocketAddress() const { return platform::SocketAddress::Of(this, 16); }
 
  private:
   uint16_t m_family = 0;

@@ -9,7 +9,6 @@
 
 #include "tavix/core/errors.h"
 #include "tavix/core/format.h"
-#include "tavix/core/inet_addr.h"
 #include "tavix/core/text.h"
 #include "tavix/core/trace_log.h"
 #include "tavix/invoke/connection_factory.h"
@@ -18,6 +17,7 @@
 #include "tavix/platform/clock.h"
 #include "tavix/platform/process.h"
 #include "tavix/platform/socket.h"
+#include "tavix/platform/socket_address.h"
 #include "tavix/marshal/stream_buffers.h"
 #include "tavix/transport/datagram_stream_buf.h"
 #include "tavix/transport/stream_transceiver_buf.h"
@@ -40,12 +40,15 @@ Transfer SendHeaderOnly(ITransceiver& transceiver, MessageType type) {
 // "handle(address:port)" of the socket's peer as the platform sees it, or
 // "" when it cannot tell.
 std::u16string ClientLabel(int32_t handle) {
-  InetAddr peer;
-  uint32_t length = InetAddr::SockAddrLen();
-  if (!platform::SocketView(handle).PeerName(peer.SockAddr(), length)) return {};
-  char16_t address[33] = {};
-  peer.ToString(address, 32);
-  std::u16string label = FormatString(u"%d(%s:%d)", handle, address, static_cast<int32_t>(peer.Port()));
+  platform::SocketAddress raw;
+  uint32_t length = platform::SocketAddress::kCapacity;
+  if (!platform::SocketView(handle).PeerName(raw.Buffer(), length)) return {};
+  raw.SetLength(length);
+  const platform::SocketAddress peer = raw.Unmapped();
+  // An IPv6 address is bracketed so that its port stays readable.
+  const bool ipv6 = peer.Family() == platform::AddressFamily::kIPv6;
+  const std::u16string address = WiddenString(ipv6 ? "[" + peer.HostText() + "]" : peer.HostText());
+  std::u16string label = FormatString(u"%d(%s:%d)", handle, address.c_str(), static_cast<int32_t>(peer.Port()));
   if (label.size() > kLabelLimit) label.resize(kLabelLimit);
   return label;
 }

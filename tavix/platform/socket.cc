@@ -76,6 +76,12 @@ bool IsAbandonedConnection(uint32_t acceptError) {
   }
 }
 
+bool IsFamilyUnavailable(uint32_t error) {
+  return error == EAFNOSUPPORT || error == EADDRNOTAVAIL || error == EPROTONOSUPPORT;
+}
+
+bool IsForeignAddress(uint32_t error) { return error == EADDRNOTAVAIL; }
+
 bool SocketView::Bind(const void* address, uint32_t length) const {
   return Retried([&] { return ::bind(m_handle, static_cast<const sockaddr*>(address), length); }) == 0;
 }
@@ -173,6 +179,10 @@ bool SocketView::SetRecvBufSize(int32_t bytes) const {
 
 bool SocketView::SetBroadcast(bool on) const {
   return SetIntOption(m_handle, SOL_SOCKET, SO_BROADCAST, on ? 1 : 0);
+}
+
+bool SocketView::SetIPv6Only(bool on) const {
+  return SetIntOption(m_handle, IPPROTO_IPV6, IPV6_V6ONLY, on ? 1 : 0);
 }
 
 int32_t SocketView::GetBroadcast() const {
@@ -281,10 +291,11 @@ Socket& Socket::operator=(Socket&& other) noexcept {
   return *this;
 }
 
-bool Socket::Create(SocketType type) {
+bool Socket::Create(SocketType type, AddressFamily family) {
   Close();
   const int kind = type == SocketType::kStream ? SOCK_STREAM : SOCK_DGRAM;
-  m_handle = Retried([&] { return ::socket(AF_INET, kind | SOCK_CLOEXEC, 0); });
+  const int domain = family == AddressFamily::kIPv6 ? AF_INET6 : AF_INET;
+  m_handle = Retried([&] { return ::socket(domain, kind | SOCK_CLOEXEC, 0); });
   return IsValid();
 }
 

@@ -1,4 +1,4 @@
-// IPv4 sockets. SocketView names a descriptor without owning it and carries
+// IPv4 and IPv6 sockets. SocketView names a descriptor without owning it and carries
 // every call on an existing socket; Socket owns its descriptor and closes
 // it once. Every failing call copies errno into the thread's last error and
 // retries by itself when a signal interrupted it.
@@ -6,6 +6,8 @@
 #define TAVIX_PLATFORM_SOCKET_H_
 
 #include <cstdint>
+
+#include "tavix/platform/socket_address.h"
 
 namespace TAVIX::platform {
 
@@ -34,6 +36,12 @@ bool IsAbandonedConnection(uint32_t acceptError);
 // pause, the listener is fine.
 bool IsTransientAcceptError(uint32_t acceptError);
 
+// True for the errors with which the system says it has no such address
+// family (no IPv6 in this kernel or on any interface).
+bool IsFamilyUnavailable(uint32_t error);
+// True for the bind error that names an address this machine does not have.
+bool IsForeignAddress(uint32_t error);
+
 class SocketView {
  public:
   constexpr SocketView() = default;
@@ -42,7 +50,7 @@ class SocketView {
   int32_t Handle() const { return m_handle; }
   bool IsValid() const { return m_handle != kInvalidSocket; }
 
-  // Addresses are sockaddr_in images of `length` bytes.
+  // Addresses are socket address images of `length` bytes.
   bool Bind(const void* address, uint32_t length) const;
   bool Listen(int32_t backlog) const;
   bool Connect(const void* address, uint32_t length) const;
@@ -70,6 +78,8 @@ class SocketView {
   bool SetReceiveTimeout(uint32_t timeoutMs) const;
   bool SetRecvBufSize(int32_t bytes) const;
   bool SetBroadcast(bool on) const;
+  // On an IPv6 socket: false lets it take IPv4 peers too (dual stack).
+  bool SetIPv6Only(bool on) const;
   // 1 or 0, -1 on failure.
   int32_t GetBroadcast() const;
   // A device request with an int-sized in/out argument.
@@ -103,8 +113,8 @@ class Socket : public SocketView {
   Socket(const Socket&) = delete;
   Socket& operator=(const Socket&) = delete;
 
-  // A new AF_INET socket, replacing (and closing) any held one.
-  bool Create(SocketType type);
+  // A new socket of the family, replacing (and closing) any held one.
+  bool Create(SocketType type, AddressFamily family = AddressFamily::kIPv4);
   // Takes ownership of a descriptor made elsewhere.
   void Adopt(int32_t handle);
   // True when there was nothing to close or the close succeeded; the socket

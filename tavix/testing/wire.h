@@ -125,11 +125,13 @@ inline std::string Hex(const Bytes& bytes) {
   return out;
 }
 
-inline InetAddr Loopback(uint16_t port) {
-  InetAddr address;
-  address.Set("127.0.0.1", port);
+// A numeric address of either family ("127.0.0.1", "::1").
+inline platform::SocketAddress Numeric(const std::string& host, uint16_t port) {
+  platform::SocketAddress address;
+  platform::SocketAddress::ParseNumeric(host.c_str(), port, address);
   return address;
 }
+inline platform::SocketAddress Loopback(uint16_t port) { return Numeric("127.0.0.1", port); }
 inline uint64_t MsSince(uint64_t start) { return platform::TickCountMs() - start; }
 
 // An open acceptor on 127.0.0.1 and a port of the system's choice.
@@ -162,24 +164,26 @@ inline TcpPair ConnectedPair() {
 class RawUdp {
  public:
   RawUdp() {
-    InetAddr address = Loopback(0);
-    uint32_t length = InetAddr::SockAddrLen();
-    EXPECT_TRUE(m_socket.Create(platform::SocketType::kDatagram) && m_socket.Bind(address.SockAddr(), length) &&
-                m_socket.LocalName(address.SockAddr(), length));
+    platform::SocketAddress address = Loopback(0);
+    uint32_t length = platform::SocketAddress::kCapacity;
+    EXPECT_TRUE(m_socket.Create(platform::SocketType::kDatagram) && m_socket.Bind(address.Data(), address.Length()) &&
+                m_socket.LocalName(address.Buffer(), length));
+    address.SetLength(length);
     port = address.Port();
   }
   void SendTo(uint16_t to, const Bytes& bytes) {
-    const InetAddr address = Loopback(to);
+    const platform::SocketAddress address = Loopback(to);
     EXPECT_EQ(static_cast<int32_t>(bytes.size()), m_socket.SendTo(bytes.data(), static_cast<int32_t>(bytes.size()),
-                                                                  address.SockAddr(), InetAddr::SockAddrLen()));
+                                                                  address.Data(), address.Length()));
   }
   // One datagram and its sender's port; empty when none came in time.
   Bytes Receive(uint32_t timeoutMs = 2000, uint16_t* from = nullptr) {
     if (m_socket.Poll(platform::PollFor::kRead, timeoutMs) != 1) return {};
     Bytes bytes(65536);
-    InetAddr sender;
-    uint32_t length = InetAddr::SockAddrLen();
-    const int32_t n = m_socket.RecvFrom(bytes.data(), static_cast<int32_t>(bytes.size()), sender.SockAddr(), length);
+    platform::SocketAddress sender;
+    uint32_t length = platform::SocketAddress::kCapacity;
+    const int32_t n = m_socket.RecvFrom(bytes.data(), static_cast<int32_t>(bytes.size()), sender.Buffer(), length);
+    sender.SetLength(length);
     bytes.resize(n > 0 ? static_cast<size_t>(n) : 0);
     if (from != nullptr) *from = sender.Port();
     return bytes;
@@ -226,10 +230,12 @@ class RawClient {
   RawClient() = default;
   explicit RawClient(platform::Socket&& accepted) : m_socket(std::move(accepted)) {}
   bool Connect(uint16_t port, const std::string& host = "127.0.0.1") {
-    InetAddr address;
-    address.Set(host.c_str(), port);
-    return m_socket.Create(platform::SocketType::kStream) &&
-           m_socket.Connect(address.SockAddr(), InetAddr::SockAddrLen());
+    InetAddr v4;
+    const platform::SocketAddress address = host.find(':') != std::string::npos ? Numeric(host, port)
+                                            : v4.Set(host.c_str(), port)       ? v4.ToSocketAddress()
+                                                                               : platform::SocketAddress();
+    return m_socket.Create(platform::SocketType::kStream, address.Family()) &&
+           m_socket.Connect(address.Data(), address.Length());
   }
   bool Send(const Bytes& bytes) {
     for (size_t sent = 0; sent < bytes.size();) {

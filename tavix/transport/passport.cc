@@ -9,6 +9,9 @@
 #include "tavix/core/host_info.h"
 #include "tavix/core/inet_addr.h"
 #include "tavix/core/text.h"
+#include "tavix/core/trace_log.h"
+#include "tavix/platform/last_error.h"
+#include "tavix/platform/socket.h"
 #include "tavix/transport/tcp_acceptor.h"
 #include "tavix/transport/tcp_transceiver.h"
 #include "tavix/transport/udp_transceiver.h"
@@ -51,6 +54,17 @@ int32_t ReadDecimal(std::u16string_view text) {
 }
 
 std::u16string_view ProtocolWord(PassportType type) { return type == PASSPORT_UDP ? u"udp" : u"tcp"; }
+
+bool IsBracketed(std::u16string_view host) { return host.size() >= 2 && host.front() == u'[' && host.back() == u']'; }
+
+// Only an IPv6 address goes in brackets, and only there may a host hold a
+// colon: a proxy string separates its endpoints with colons.
+bool IsWellFormedHost(std::u16string_view host) {
+  if (!IsBracketed(host)) return host.find_first_of(u"[]:") == std::u16string_view::npos;
+  platform::SocketAddress address;
+  return platform::SocketAddress::ParseNumeric(NarrowString(host.substr(1, host.size() - 2)).c_str(), 0, address) &&
+         address.Family() == platform::AddressFamily::kIPv6;
+}
 
 }  // namespace
 
@@ -130,6 +144,7 @@ bool IpPassport::ParseHost(std::u16string_view value) {
     m_local = true;
     return true;
   }
+  if (!IsWellFormedHost(value)) return false;
   m_host = value;
   // A TCP server named by this machine's own name listens everywhere.
   m_local = Type() == PASSPORT_TCP && EqualsNoCase(value, GetLocalHostName());
@@ -173,14 +188,53 @@ int32_t IpPassport::RefuseUnsettledPort() const {
   return -2;
 }
 
+std::string IpPassport::ResolverHost() const {
+  const std::u16string_view host = m_host;
+  return NarrowString(IsBracketed(host) ? host.substr(1, host.size() - 2) : host);
+}
+
+int32_t IpPassport::ResolveHost(std::vector<platform::SocketAddress>& out) const {
+  const std::string host = ResolverHost();
+  out.clear();
+  platform::SocketAddress numeric;
+  if (platform::SocketAddress::ParseNumeric(host.c_str(), Port(), numeric)) {
+    out.push_back(numeric);
+    return 0;
+  }
+  if (platform::ResolveHost(host.c_str(), Port(), out)) return 0;
+  TavixSetLastError(Err::HostNotFound);
+  TraceLog::Write(u"DNS Error:%hs\n", host.c_str());
+  return -2;
+}
+
+int32_t IpPassport::HostAddress(platform::SocketAddress& out) const {
+  std::vector<platform::SocketAddress> addresses;
+  if (const int32_t r = ResolveHost(addresses); r != 0) return r;
+  out = addresses.front();
+  return 0;
+}
+
+int32_t IpPassport::ClientAddresses(std::vector<platform::SocketAddress>& out) const {
+  if (Port() == 0) return RefuseUnsettledPort();
+  if (!IsLocal() || Type() != PASSPORT_UDP) return ResolveHost(out);
+  InetAddr broadcast;
+  broadcast.SetBroadcast(Port());
+  out.assign(1, broadcast.ToSocketAddress());
+  return 0;
+}
+
+int32_t IpPassport::CreateClientTransceiver(SmartPtr<ITransceiver>& holder) const {
+  std::vector<platform::SocketAddress> addresses;
+  if (const int32_t r = ClientAddresses(addresses); r != 0) return r;
+  return CreateClientTransceiver(holder, addresses.front());
+}
+
 bool IpPassport::operator==(const IPassport& /*other*/) const { return false; }
 
 bool IpPassport::operator<(const IPassport& /*other*/) const { return false; }
 
-int32_t TcpPassport::CreateClientTransceiver(SmartPtr<ITransceiver>& holder) const {
-  if (Port() == 0) return RefuseUnsettledPort();
-  InetAddr address;
-  if (!address.Set(Host().c_str(), Port())) return -2;
+int32_t TcpPassport::CreateClientTransceiver(SmartPtr<ITransceiver>& holder,
+                                             const platform::SocketAddress& address) const {
   if (holder && holder->Type() != PASSPORT_TCP) {
     holder->Close();
     holder = nullptr;
@@ -198,16 +252,17 @@ int32_t TcpPassport::CreateAcceptor(SmartPtr<IAcceptor>& holder) const {
     holder->Close();
     holder = nullptr;
   }
-  InetAddr address;
-  if (IsLocal()) {
-    address.SetAny(Port());
-  } else {
+  // An IPv4 host must be one of this machine's addresses; an IPv6 one is
+  // found out by the bind.
+  const bool ipv6 = IsBracketed(Host());
+  platform::SocketAddress address = platform::SocketAddress::Any(platform::AddressFamily::kIPv6, Port());
+  if (!IsLocal()) {
     const std::vector<std::u16string>& own = GetLocalHostIP();
-    if (std::find(own.begin(), own.end(), Host()) == own.end()) {
+    if (!ipv6 && std::find(own.begin(), own.end(), Host()) == own.end()) {
       TavixSetLastError(Err::CannotCreateAcceptor);
       return -2;
     }
-    if (!address.Set(Host().c_str(), Port())) return -2;
+    if (const int32_t r = HostAddress(address); r != 0) return r;
   }
   SmartPtr<TcpAcceptor> acceptor = SmartPtr<TcpAcceptor>::DynamicCast(holder);
   if (acceptor) {
@@ -216,27 +271,28 @@ int32_t TcpPassport::CreateAcceptor(SmartPtr<IAcceptor>& holder) const {
     acceptor = MakeShared<TcpAcceptor>();
   }
   acceptor->SetAddress(address);
-  if (acceptor->Open() != 0) return -1;
+  if (acceptor->Open() != 0) {
+    if (!ipv6 || !platform::IsForeignAddress(platform::LastError())) return -1;
+    TavixSetLastError(Err::CannotCreateAcceptor);
+    return -2;
+  }
   SettlePort(acceptor->Address().Port());
   holder = acceptor;
   return 0;
 }
 
-int32_t UdpPassport::OpenInHolder(SmartPtr<ITransceiver>& holder, int32_t mode) const {
-  if (mode == UdpTransceiver::UDP_MODE_CLIENT && Port() == 0) return RefuseUnsettledPort();
+int32_t UdpPassport::OpenInHolder(SmartPtr<ITransceiver>& holder, int32_t mode,
+                                  const platform::SocketAddress& address) const {
   if (holder && holder->Type() != PASSPORT_UDP) {
     holder->Close();
     holder = nullptr;
   }
-  InetAddr address;
-  if (!IsLocal()) {
-    if (!address.Set(Host().c_str(), Port())) return -2;
-  } else if (mode == UdpTransceiver::UDP_MODE_CLIENT) {
-    address.SetBroadcast(Port());
-  } else {
-    address.SetAny(Port());
-  }
   SmartPtr<UdpTransceiver> transceiver = SmartPtr<UdpTransceiver>::DynamicCast(holder);
+  // A server reopens where it was; a client keeps its socket only for the
+  // same destination.
+  if (transceiver && mode == UdpTransceiver::UDP_MODE_CLIENT && !(transceiver->Endpoint() == address)) {
+    transceiver = nullptr;
+  }
   if (transceiver) {
     transceiver->Close();
   } else {
@@ -248,12 +304,17 @@ int32_t UdpPassport::OpenInHolder(SmartPtr<ITransceiver>& holder, int32_t mode) 
   return 0;
 }
 
-int32_t UdpPassport::CreateClientTransceiver(SmartPtr<ITransceiver>& holder) const {
-  return OpenInHolder(holder, UdpTransceiver::UDP_MODE_CLIENT);
+int32_t UdpPassport::CreateClientTransceiver(SmartPtr<ITransceiver>& holder,
+                                             const platform::SocketAddress& address) const {
+  return OpenInHolder(holder, UdpTransceiver::UDP_MODE_CLIENT, address);
 }
 
 int32_t UdpPassport::CreateServerTransceiver(SmartPtr<ITransceiver>& holder) const {
-  return OpenInHolder(holder, UdpTransceiver::UDP_MODE_SERVER);
+  platform::SocketAddress address = platform::SocketAddress::Any(platform::AddressFamily::kIPv4, Port());
+  if (!IsLocal()) {
+    if (const int32_t r = HostAddress(address); r != 0) return r;
+  }
+  return OpenInHolder(holder, UdpTransceiver::UDP_MODE_SERVER, address);
 }
 
 int32_t UdpPassport::CreateAcceptor(SmartPtr<IAcceptor>& /*holder*/) const {

@@ -8,8 +8,10 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tavix/core/shared.h"
+#include "tavix/platform/socket_address.h"
 #include "tavix/transport/passport_type.h"
 
 namespace TAVIX {
@@ -43,6 +45,12 @@ class IPassport : public virtual Shared {
   virtual bool IsCompress() const { return false; }
   // `holder` may bring a transceiver or acceptor to reuse.
   virtual int32_t CreateClientTransceiver(SmartPtr<ITransceiver>& holder) const = 0;
+  // Every address a client may reach this endpoint at, looked up now: a
+  // host name stands for all the addresses it resolves to.
+  virtual int32_t ClientAddresses(std::vector<platform::SocketAddress>& out) const = 0;
+  // A client transceiver for one of those addresses.
+  virtual int32_t CreateClientTransceiver(SmartPtr<ITransceiver>& holder,
+                                          const platform::SocketAddress& address) const = 0;
   virtual int32_t CreateServerTransceiver(SmartPtr<ITransceiver>& holder) const = 0;
   virtual int32_t CreateAcceptor(SmartPtr<IAcceptor>& holder) const = 0;
   // True when both would claim the same listening resource.
@@ -73,8 +81,18 @@ class IpPassport : public IPassport {
   bool operator==(const IPassport& other) const override;
   bool operator<(const IPassport& other) const override;
 
-  // The host text exactly as written after -h.
+  // The host text exactly as written after -h; an IPv6 address is written
+  // in brackets ([2001:db8::1]), which keep its colons apart from the
+  // separators of a proxy string.
   const std::u16string& Host() const { return m_host; }
+  // The host's addresses (a name through the resolver): -2 with
+  // Err::HostNotFound and a "DNS Error" line in the log when it has none,
+  // -2 with Err::BadPassportString for port 0. A UDP client of #any aims
+  // at the broadcast address instead.
+  int32_t ClientAddresses(std::vector<platform::SocketAddress>& out) const override;
+  // A transceiver for the first of those addresses.
+  int32_t CreateClientTransceiver(SmartPtr<ITransceiver>& holder) const override;
+  using IPassport::CreateClientTransceiver;
   // This machine on every interface (-h #any, or for TCP its own name).
   bool IsLocal() const { return m_local; }
   // 0 on a server endpoint until its first listening socket is bound:
@@ -91,6 +109,14 @@ class IpPassport : public IPassport {
  private:
   bool Parse(const std::u16string& text);
   bool ParseHost(std::u16string_view value);
+  // The host text as the resolver takes it: without brackets.
+  std::string ResolverHost() const;
+  // Every address of the host, a numeric one without asking the resolver.
+  int32_t ResolveHost(std::vector<platform::SocketAddress>& out) const;
+
+ protected:
+  // The host's first address; -2 with Err::HostNotFound when it has none.
+  int32_t HostAddress(platform::SocketAddress& out) const;
 
   std::u16string m_host = u"0.0.0.0";
   bool m_local = false;
@@ -110,13 +136,15 @@ class TcpPassport : public IpPassport {
   }
 
   PassportType Type() const override { return PASSPORT_TCP; }
+  using IpPassport::CreateClientTransceiver;
   // A connected TcpTransceiver; the time-out does not limit the connect.
-  int32_t CreateClientTransceiver(SmartPtr<ITransceiver>& holder) const override;
+  int32_t CreateClientTransceiver(SmartPtr<ITransceiver>& holder,
+                                  const platform::SocketAddress& address) const override;
   // Always -2 with Err::NeedAcceptor: TCP pipes come from an acceptor.
   int32_t CreateServerTransceiver(SmartPtr<ITransceiver>& holder) const override;
-  // A listening TcpAcceptor on every interface (local flag) or on one of
-  // this machine's own addresses; any other host gives -2 with
-  // Err::CannotCreateAcceptor.
+  // A listening TcpAcceptor on every interface of both families (local
+  // flag) or on one of this machine's own addresses; any other host gives
+  // -2 with Err::CannotCreateAcceptor.
   int32_t CreateAcceptor(SmartPtr<IAcceptor>& holder) const override;
 };
 
@@ -130,20 +158,22 @@ class UdpPassport : public IpPassport {
   }
 
   PassportType Type() const override { return PASSPORT_UDP; }
-  // A client-mode UdpTransceiver aimed at the host, or at the broadcast
-  // address with the passport's port when the local flag is set.
-  int32_t CreateClientTransceiver(SmartPtr<ITransceiver>& holder) const override;
+  using IpPassport::CreateClientTransceiver;
+  // A client-mode UdpTransceiver aimed at `address` (one of
+  // ClientAddresses). The one in `holder` is reused when it aims there.
+  int32_t CreateClientTransceiver(SmartPtr<ITransceiver>& holder,
+                                  const platform::SocketAddress& address) const override;
   // A server-mode UdpTransceiver bound to the host's address, or to every
-  // interface when the local flag is set.
+  // IPv4 interface when the local flag is set (broadcasts are IPv4).
   int32_t CreateServerTransceiver(SmartPtr<ITransceiver>& holder) const override;
   // Always -2 with Err::UnsupportedFunction: datagrams are not accepted.
   int32_t CreateAcceptor(SmartPtr<IAcceptor>& holder) const override;
 
  private:
-  // Closes and reuses a UDP transceiver in `holder` (its mode and address
-  // stay), or makes one in `mode` for this endpoint, and opens it. On
-  // failure `holder` keeps what it had.
-  int32_t OpenInHolder(SmartPtr<ITransceiver>& holder, int32_t mode) const;
+  // Closes and reuses a UDP transceiver in `holder` when it aims at
+  // `address` in `mode`, else makes one, and opens it. On failure `holder`
+  // keeps what it had.
+  int32_t OpenInHolder(SmartPtr<ITransceiver>& holder, int32_t mode, const platform::SocketAddress& address) const;
 };
 
 // Makes the passport that an endpoint string's protocol word names.

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "tavix/core/errors.h"
+#include "tavix/core/inet_addr.h"
 #include "tavix/platform/last_error.h"
 #include "tavix/transport/tcp_transceiver.h"
 
@@ -13,29 +14,42 @@ constexpr uint16_t kDefaultPort = 5678;
 
 }  // namespace
 
-TcpAcceptor::TcpAcceptor() { m_address.SetAny(kDefaultPort); }
+TcpAcceptor::TcpAcceptor() : m_address(platform::SocketAddress::Any(platform::AddressFamily::kIPv4, kDefaultPort)) {}
 
 TcpAcceptor::~TcpAcceptor() { Close(); }
 
 int32_t TcpAcceptor::Open() {
+  bool listening = OpenOn(m_address);
+  const bool bothFamilies = m_address.Family() == platform::AddressFamily::kIPv6 && m_address.IsAny();
+  if (!listening && bothFamilies && platform::IsFamilyUnavailable(platform::LastError())) {
+    m_address = platform::SocketAddress::Any(platform::AddressFamily::kIPv4, m_address.Port());
+    listening = OpenOn(m_address);
+  }
+  if (!listening) return -1;
+  platform::SocketAddress bound;
+  uint32_t length = platform::SocketAddress::kCapacity;
+  if (m_socket.LocalName(bound.Buffer(), length)) {
+    bound.SetLength(length);
+    m_address = bound;
+  }
+  return 0;
+}
+
+// A fresh socket of the address's family, bound and listening; closed
+// again, the error kept, when a step fails.
+bool TcpAcceptor::OpenOn(const platform::SocketAddress& address) {
   CloseSocket();
-  if (!CreateSocket(platform::SocketType::kStream)) {
+  const bool ipv6 = address.Family() == platform::AddressFamily::kIPv6;
+  if (!CreateSocket(platform::SocketType::kStream, address.Family()) || (ipv6 && !m_socket.SetIPv6Only(false))) {
     CloseKeepingError();
-    return -1;
+    return false;
   }
   m_socket.SetReuseAddress(true);
-  if (!Bind(m_address)) {
+  if (!Bind(address) || !Listen(kBacklog)) {
     CloseKeepingError();
-    return -1;
+    return false;
   }
-  if (!Listen(kBacklog)) {
-    CloseKeepingError();
-    return -1;
-  }
-  InetAddr bound;
-  uint32_t length = InetAddr::SockAddrLen();
-  if (m_socket.LocalName(bound.SockAddr(), length)) m_address = bound;
-  return 0;
+  return true;
 }
 
 int32_t TcpAcceptor::Close() {
@@ -52,22 +66,28 @@ int32_t TcpAcceptor::Accept(SmartPtr<ITransceiver>& holder, uint32_t timeoutMs) 
   if (ready == 0) return 0;
   if (ready < 0) return -1;
   platform::Socket accepted;
-  InetAddr peer;
-  uint32_t length = InetAddr::SockAddrLen();
-  if (!m_socket.Accept(accepted, peer.SockAddr(), length)) {
+  platform::SocketAddress peer;
+  uint32_t length = platform::SocketAddress::kCapacity;
+  if (!m_socket.Accept(accepted, peer.Buffer(), length)) {
     if (platform::IsAbandonedConnection(platform::LastError())) return 0;
     return -1;
   }
-  TcpTransceiver::AttachToHolder(holder, std::move(accepted), peer);
+  peer.SetLength(length);
+  TcpTransceiver::AttachToHolder(holder, std::move(accepted), peer.Unmapped());
   return 0;
 }
 
 int32_t TcpAcceptor::Interrupt() {
-  InetAddr target = m_address;
-  if (target.IsAny()) target.SetLocalHost(m_address.Port());
+  platform::SocketAddress target = m_address;
+  // Every interface, both families included, hears this machine's own name.
+  if (target.IsAny()) {
+    InetAddr own;
+    own.SetLocalHost(m_address.Port());
+    target = own.ToSocketAddress();
+  }
   platform::Socket wake;
-  if (!wake.Create(platform::SocketType::kStream)) return -1;
-  wake.Connect(target.SockAddr(), InetAddr::SockAddrLen());
+  if (!wake.Create(platform::SocketType::kStream, target.Family())) return -1;
+  wake.Connect(target.Data(), target.Length());
   return wake.Close() ? 0 : -1;
 }
 

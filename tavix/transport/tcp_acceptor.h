@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "tavix/core/inet_addr.h"
+#include "tavix/platform/socket_address.h"
 #include "tavix/transport/acceptor.h"
 #include "tavix/transport/transceiver.h"
 
@@ -19,15 +19,17 @@ class TcpAcceptor : public IAcceptor, public SockWrapper {
   TcpAcceptor();
   ~TcpAcceptor() override;
 
-  // Takes effect at the next Open.
-  void SetAddress(const InetAddr& address) { m_address = address; }
+  // Takes effect at the next Open. The IPv6 any-address listens on both
+  // families.
+  void SetAddress(const platform::SocketAddress& address) { m_address = address; }
   // The listening address; after Open its port is the one actually bound,
   // also when port 0 was asked for.
-  const InetAddr& Address() const { return m_address; }
+  const platform::SocketAddress& Address() const { return m_address; }
 
   // A fresh blocking socket, bound and listening. Old connections of the
   // port lingering in TIME_WAIT do not block the bind; a live listener on
-  // the port does.
+  // the port does. Asked for both families on a system without IPv6, it
+  // listens on IPv4 alone.
   int32_t Open() override;
   int32_t Close() override;
   // Accepted sockets become TcpTransceivers with their peer set and the TCP
@@ -45,8 +47,9 @@ class TcpAcceptor : public IAcceptor, public SockWrapper {
  private:
   // Closes without disturbing the error that made the caller give up.
   void CloseKeepingError();
+  bool OpenOn(const platform::SocketAddress& address);
 
-  InetAddr m_address;
+  platform::SocketAddress m_address;
 };
 
 }  // namespace TAVIX

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "tavix/core/errors.h"
-#include "tavix/core/inet_addr.h"
+#include "tavix/core/text.h"
 #include "tavix/platform/clock.h"
 #include "tavix/platform/last_error.h"
 #include "tavix/platform/process.h"
@@ -18,10 +18,10 @@ TcpTransceiver::TcpTransceiver() = default;
 
 TcpTransceiver::~TcpTransceiver() { Close(); }
 
-int32_t TcpTransceiver::Connect(const InetAddr& address, SmartPtr<ITransceiver>& holder) {
+int32_t TcpTransceiver::Connect(const platform::SocketAddress& address, SmartPtr<ITransceiver>& holder) {
   platform::Socket socket;
-  if (!socket.Create(platform::SocketType::kStream)) return -1;
-  if (!socket.Connect(address.SockAddr(), InetAddr::SockAddrLen())) {
+  if (!socket.Create(platform::SocketType::kStream, address.Family())) return -1;
+  if (!socket.Connect(address.Data(), address.Length())) {
     EnsureLastError keepConnectError;
     socket.Close();
     return -1;
@@ -31,7 +31,7 @@ int32_t TcpTransceiver::Connect(const InetAddr& address, SmartPtr<ITransceiver>&
 }
 
 void TcpTransceiver::AttachToHolder(SmartPtr<ITransceiver>& holder, platform::Socket socket,
-                                    const InetAddr& peer) {
+                                    const platform::SocketAddress& peer) {
   SmartPtr<TcpTransceiver> transceiver = SmartPtr<TcpTransceiver>::DynamicCast(holder);
   if (!transceiver) {
     transceiver = MakeShared<TcpTransceiver>();
@@ -40,11 +40,9 @@ void TcpTransceiver::AttachToHolder(SmartPtr<ITransceiver>& holder, platform::So
   transceiver->Attach(std::move(socket), peer);
 }
 
-void TcpTransceiver::Attach(platform::Socket socket, const InetAddr& peer) {
+void TcpTransceiver::Attach(platform::Socket socket, const platform::SocketAddress& peer) {
   Close();
-  char16_t text[32];
-  const char16_t* dotted = peer.ToString(text, std::size(text));
-  SetPeer(dotted != nullptr ? dotted : u"", peer.Port());
+  SetPeer(WiddenString(peer.HostText()), peer.Port());
   ScopedLock guard(m_lock);
   m_socket = std::move(socket);
   // Nothing of an earlier socket may be read from this one.

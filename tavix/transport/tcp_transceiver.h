@@ -31,16 +31,16 @@ class TcpTransceiver : public SocketTransceiver {
   // `address`, then left in `holder`, whose TcpTransceiver is closed and
   // reused, or a new one. 0, or -1 with the connect's error; on failure
   // `holder` is untouched.
-  static int32_t Connect(const InetAddr& address, SmartPtr<ITransceiver>& holder);
+  static int32_t Connect(const platform::SocketAddress& address, SmartPtr<ITransceiver>& holder);
 
-  // Takes a connected socket, names its peer and applies the TCP option
-  // set (blocking, 64 KiB buffers, keep-alive). A held socket is closed
-  // first.
-  void Attach(platform::Socket socket, const InetAddr& peer);
+  // Takes a connected socket, names its peer (its address printed as
+  // HostText prints it) and applies the TCP option set (blocking, 64 KiB
+  // buffers, keep-alive). A held socket is closed first.
+  void Attach(platform::Socket socket, const platform::SocketAddress& peer);
   // Attach to the TcpTransceiver in `holder`, reused, or to a new one put
   // there: how both connecting and accepting hand over their socket.
   static void AttachToHolder(SmartPtr<ITransceiver>& holder, platform::Socket socket,
-                             const InetAddr& peer);
+                             const platform::SocketAddress& peer);
 
   // A TCP pipe is opened by connecting or accepting: does nothing.
   int32_t Open() override { return 0; }

@@ -28,7 +28,9 @@ int32_t ITransceiver::RecvMessageStart(void* buffer, int32_t length, uint32_t ti
   return Recvn(buffer, length);
 }
 
-bool SockWrapper::CreateSocket(platform::SocketType type) { return m_socket.Create(type); }
+bool SockWrapper::CreateSocket(platform::SocketType type, platform::AddressFamily family) {
+  return m_socket.Create(type, family);
+}
 
 bool SockWrapper::CloseSocket() {
   if (!m_socket.IsValid()) return true;
@@ -37,8 +39,10 @@ bool SockWrapper::CloseSocket() {
 
 bool SockWrapper::ShutdownBoth() { return m_socket.Shutdown(); }
 
-bool SockWrapper::Bind(const InetAddr& address) {
-  return m_socket.Bind(address.SockAddr(), InetAddr::SockAddrLen());
+bool SockWrapper::Bind(const InetAddr& address) { return Bind(address.ToSocketAddress()); }
+
+bool SockWrapper::Bind(const platform::SocketAddress& address) {
+  return m_socket.Bind(address.Data(), address.Length());
 }
 
 bool SockWrapper::Listen(int32_t backlog) { return m_socket.Listen(backlog); }

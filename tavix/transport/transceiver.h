@@ -70,11 +70,12 @@ class SockWrapper {
   SockWrapper(const SockWrapper&) = delete;
   SockWrapper& operator=(const SockWrapper&) = delete;
 
-  bool CreateSocket(platform::SocketType type);
+  bool CreateSocket(platform::SocketType type, platform::AddressFamily family = platform::AddressFamily::kIPv4);
   // True when there was no socket; the handle is INVALID_SOCKET afterwards.
   bool CloseSocket();
   bool ShutdownBoth();
   bool Bind(const InetAddr& address);
+  bool Bind(const platform::SocketAddress& address);
   bool Listen(int32_t backlog);
   bool SetBlocking(bool blocking);
   // Probes after 60000 ms of silence, then every 1000 ms.

@@ -5,7 +5,7 @@
 
 namespace TAVIX {
 
-UdpTransceiver::UdpTransceiver(Mode mode, const InetAddr& endpoint)
+UdpTransceiver::UdpTransceiver(Mode mode, const platform::SocketAddress& endpoint)
     : m_mode(mode),
       m_endpoint(endpoint) {}
 
@@ -13,7 +13,7 @@ UdpTransceiver::~UdpTransceiver() { Close(); }
 
 int32_t UdpTransceiver::Open() {
   ScopedLock guard(m_lock);
-  if (!CreateSocket(platform::SocketType::kDatagram)) {
+  if (!CreateSocket(platform::SocketType::kDatagram, m_endpoint.Family())) {
     return -1;
   }
   SetBlocking(false);
@@ -34,17 +34,19 @@ bool UdpTransceiver::Bind() {
   SetModeLocked(UDP_MODE_SERVER);
   if (!SockWrapper::Bind(m_endpoint)) return false;
   // A port of 0 asked the system for one: keep the one it chose.
-  InetAddr bound;
-  uint32_t length = InetAddr::SockAddrLen();
-  if (m_endpoint.Port() == 0 && m_socket.LocalName(bound.SockAddr(), length)) m_endpoint = bound;
+  platform::SocketAddress bound;
+  uint32_t length = platform::SocketAddress::kCapacity;
+  if (m_endpoint.Port() == 0 && m_socket.LocalName(bound.Buffer(), length)) {
+    bound.SetLength(length);
+    m_endpoint = bound;
+  }
   return true;
 }
 
 bool UdpTransceiver::Connect() {
   SetModeLocked(UDP_MODE_CLIENT);
   if (m_endpoint.IsBroadcast()) SetBroadcast(true);
-  if (m_socket.Connect(m_endpoint.SockAddr(), InetAddr::SockAddrLen())) return true;
-  return false;
+  return m_socket.Connect(m_endpoint.Data(), m_endpoint.Length());
 }
 
 void UdpTransceiver::Close() {
@@ -83,12 +85,13 @@ int32_t UdpTransceiver::Recv(void* buffer, int32_t length) {
   }
   const bool server = GetMode() == UDP_MODE_SERVER;
   for (;;) {
-    InetAddr sender;
-    uint32_t senderLength = InetAddr::SockAddrLen();
-    const int32_t count = server ? pin.Socket().RecvFrom(buffer, length, sender.SockAddr(), senderLength)
+    platform::SocketAddress sender;
+    uint32_t senderLength = platform::SocketAddress::kCapacity;
+    const int32_t count = server ? pin.Socket().RecvFrom(buffer, length, sender.Buffer(), senderLength)
                                  : pin.Socket().Recv(buffer, length);
     if (count >= 0) {
       if (!server) return count;
+      sender.SetLength(senderLength);
       {
         ScopedLock guard(m_lock);
         m_replyAddress = sender;
@@ -113,13 +116,13 @@ int32_t UdpTransceiver::Send(const void* buffer, int32_t length) {
   }
   if (length == 0) return 0;
   const bool server = GetMode() == UDP_MODE_SERVER;
-  InetAddr to;
+  platform::SocketAddress to;
   if (server) {
     ScopedLock guard(m_lock);
     to = m_replyAddress;
   }
   for (;;) {
-    const int32_t count = server ? pin.Socket().SendTo(buffer, length, to.SockAddr(), InetAddr::SockAddrLen())
+    const int32_t count = server ? pin.Socket().SendTo(buffer, length, to.Data(), to.Length())
                                  : pin.Socket().Send(buffer, length);
     if (count >= 0) return length;
     if (!LastErrorIsWouldBlock()) {

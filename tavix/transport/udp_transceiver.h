@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <string>
 
-#include "tavix/core/inet_addr.h"
+#include "tavix/platform/socket_address.h"
 #include "tavix/transport/socket_transceiver.h"
 
 namespace TAVIX {
@@ -23,7 +23,7 @@ class UdpTransceiver : public SocketTransceiver {
   static constexpr int32_t kMaxDatagram = 65507;
   static constexpr int32_t kServerRecvBufSize = 0x40000;
 
-  UdpTransceiver(Mode mode, const InetAddr& endpoint);
+  UdpTransceiver(Mode mode, const platform::SocketAddress& endpoint);
   ~UdpTransceiver() override;
 
   // A new non-blocking socket, bound (server) or connected (client) to the
@@ -51,15 +51,16 @@ class UdpTransceiver : public SocketTransceiver {
   bool Connect();
 
   Mode GetMode() const;
-  const InetAddr& Endpoint() const { return m_endpoint; }
+  const platform::SocketAddress& Endpoint() const { return m_endpoint; }
 
  private:
   // The buffer size applies to the socket being opened.
   void SetModeLocked(Mode mode);
 
-  Mode m_mode;              // guarded by m_lock
-  InetAddr m_replyAddress;  // guarded by m_lock
-  InetAddr m_endpoint;      // set before the socket opens; a port of 0 becomes the bound one
+  Mode m_mode;                             // guarded by m_lock
+  platform::SocketAddress m_replyAddress;  // guarded by m_lock
+  // Set before the socket opens; a port of 0 becomes the bound one.
+  platform::SocketAddress m_endpoint;
   int32_t m_maxMessageSize = 0;
 };
 
