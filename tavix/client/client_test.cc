@@ -387,11 +387,18 @@ TEST(EndpointSetTest, ParsesPrintsAndRefusesEndpointLists) {
             printed(u"tcp -h a -p 1 -t 0:udp -h b -p 2 -t 7"));
   EXPECT_EQ(std::tuple(size_t{3}, std::u16string(u"ordered:tcp -h a -p 1 -t 0:tcp -h b -p 2 -t 0:tcp -h c -p 3 -t 0")),
             printed(u"ordered: tcp -h a -p 1 : TCP -h b -p 2:tcp -h c -p 3"));
+  EXPECT_EQ(std::tuple(size_t{3}, std::u16string(u"tcp -h [2001:db8::abc:def] -p 1 -t 0:udp -h [::1] -p 2 -t 0:"
+                                                 u"tcp -h 192.0.2.1 -p 3 -t 0")),
+            printed(u"tcp -h [2001:db8::abc:def] -p 1:udp -h [::1] -p 2:tcp -h 192.0.2.1 -p 3"));
   const std::pair<const char16_t*, uint32_t> refused[] = {
       {u"ordered", Err::BadProxyString},                       // an option alone
       {u"tcp -h a -p 1:sctp -h b -p 2", Err::UnsupportedFunction},  // a word that is no transport
       {u"tcp -h a -p 1:tcp -h b", Err::BadPassportString},     // a bad second endpoint
       {u"tcp -h a -p 1:ordered:tcp -h b -p 2", Err::UnsupportedFunction},  // the option only comes first
+      {u"tcp -h 2001:db8::1 -p 1", Err::BadPassportString},              // IPv6 without brackets
+      {u"tcp -h [10.0.0.1] -p 1", Err::BadPassportString},               // brackets hold IPv6 only
+      {u"tcp -h [2001:db8::zz] -p 1", Err::BadPassportString},
+      {u"tcp -h [2001:db8::1 -p 1", Err::BadPassportString},
       {u"", Err::BadPassportString}};
   for (const auto& [text, code] : refused) {
     EndpointSet set;
@@ -402,36 +409,64 @@ TEST(EndpointSetTest, ParsesPrintsAndRefusesEndpointLists) {
   client->Destroy();
 }
 
-// Back-off: an endpoint that failed goes last for 1 s, then 2 s, doubling to 30 s; a success forgets it. A random
-// start spreads proxies over all endpoints; a written order always starts at the first.
-TEST(EndpointSetTest, FailedEndpointsBackOffAndRandomStartsSpread) {
+// Back-off: an address that failed goes last for 1 s, then 2 s, doubling to 30 s; a success forgets it. A random
+// start spreads proxies over all addresses; a written order always starts at the first; moving on after a lost
+// connection starts at a random other address.
+TEST(EndpointSetTest, FailedAddressesBackOffAndRandomStartsSpread) {
   EndpointSet set;
-  ASSERT_TRUE(EndpointSet::Parse(u"ordered:tcp -h a -p 1:tcp -h b -p 2:tcp -h c -p 3", set));
+  ASSERT_TRUE(EndpointSet::Parse(u"ordered:tcp -h 10.0.0.1 -p 1:tcp -h [2001:db8::2] -p 2:udp -h 10.0.0.3 -p 3", set));
   using V = std::vector<size_t>;
-  EXPECT_EQ((V{0, 1, 2}), set.Candidates(0, false));
-  set.Failed(0, 10000);
-  EXPECT_EQ((V{1, 2, 0}), set.Candidates(10999, false));
-  EXPECT_EQ((V{0, 1, 2}), set.Candidates(11000, false));
-  set.Failed(0, 11000);
-  EXPECT_EQ((V{1, 2, 0}), set.Candidates(12999, false)) << "twice as long";
-  for (int i = 0; i < 10; ++i) set.Failed(0, 20000);
-  EXPECT_EQ((V{1, 2, 0}), set.Candidates(49999, false));
-  EXPECT_EQ((V{0, 1, 2}), set.Candidates(50000, false)) << "at most 30 s";
-  set.Failed(1, 50000);
-  set.Failed(2, 50000);
-  set.Failed(0, 50000);
-  EXPECT_EQ((V{0, 1, 2}), set.Candidates(50001, false)) << "all backing off: all are still tried, in order";
-  set.Connected(0);
-  EXPECT_EQ((V{0, 1, 2}), set.Candidates(50002, false));
-  set.Failed(0, 60000);
-  EXPECT_EQ((V{1, 2, 0}), set.Candidates(60999, false)) << "a success started the back-off over at 1 s";
-  std::array<int, 3> starts{};
+  const auto order = [](const EndpointSet& s, uint64_t now, bool moveOn = false) {
+    V endpoints;
+    for (const EndpointSet::Target& t : s.Targets(now, moveOn).targets) endpoints.push_back(t.endpoint);
+    return endpoints;
+  };
+  const std::vector<EndpointSet::Target> written = set.Targets(0, false).targets;
+  ASSERT_EQ(3u, written.size());
+  const auto target = [&](size_t i) { return written[i]; };
+  EXPECT_EQ((V{0, 1, 2}), order(set, 0));
+  EXPECT_EQ("2001:db8::2", target(1).address.HostText());
+  EXPECT_EQ(2, target(1).address.Port());
+  set.Failed(target(0), 10000);
+  EXPECT_EQ((V{1, 2, 0}), order(set, 10999));
+  EXPECT_EQ((V{0, 1, 2}), order(set, 11000));
+  set.Failed(target(0), 11000);
+  EXPECT_EQ((V{1, 2, 0}), order(set, 12999)) << "twice as long";
+  for (int i = 0; i < 10; ++i) set.Failed(target(0), 20000);
+  EXPECT_EQ((V{1, 2, 0}), order(set, 49999));
+  EXPECT_EQ((V{0, 1, 2}), order(set, 50000)) << "at most 30 s";
+  const EndpointSet::Target first = target(0);
+  set.Failed(target(1), 50000);
+  set.Failed(target(2), 50000);
+  set.Failed(first, 50000);
+  EXPECT_EQ((V{0, 1, 2}), order(set, 50001)) << "all backing off: all are still tried, in order";
+  set.Connected(first);
+  EXPECT_EQ((V{0, 1, 2}), order(set, 50002));
+  set.Failed(first, 60000);
+  EXPECT_EQ((V{1, 2, 0}), order(set, 60999)) << "a success started the back-off over at 1 s";
+
+  std::array<int, 3> starts{}, movedTo{};
   for (int i = 0; i < 300; ++i) {
     EndpointSet spread;
-    ASSERT_TRUE(EndpointSet::Parse(u"tcp -h a -p 1:tcp -h b -p 2:tcp -h c -p 3", spread));
-    ++starts[spread.Candidates(0, false).front()];
+    ASSERT_TRUE(EndpointSet::Parse(u"tcp -h 10.0.0.1 -p 1:tcp -h 10.0.0.2 -p 1:tcp -h 10.0.0.3 -p 1", spread));
+    const EndpointSet::Plan plan = spread.Targets(0, false);
+    ++starts[plan.targets.front().endpoint];
+    spread.Connected(plan.targets.at(0));
+    EXPECT_EQ(plan.targets.at(0).endpoint, order(spread, 0).front()) << "a connected proxy stays";
+    const size_t next = order(spread, 0, true).front();
+    EXPECT_NE(plan.targets.at(0).endpoint, next);
+    ++movedTo[(next + 3 - plan.targets.at(0).endpoint) % 3];
   }
-  for (const int n : starts) EXPECT_GT(n, 50) << "each of three endpoints starts about 100 of 300 proxies";
+  for (const int n : starts) EXPECT_GT(n, 50) << "each of three addresses starts about 100 of 300 proxies";
+  EXPECT_GT(movedTo[1], 100) << "the clients of a lost server spread over both others";
+  EXPECT_GT(movedTo[2], 100);
+
+  EndpointSet unknown;
+  ASSERT_TRUE(EndpointSet::Parse(u"tcp -h no-such-host.invalid -p 1:tcp -h 10.0.0.1 -p 1", unknown));
+  const EndpointSet::Plan plan = unknown.Targets(0, false);
+  EXPECT_EQ(Err::HostNotFound, plan.lookupError);
+  ASSERT_EQ(1u, plan.targets.size()) << "a name that resolves to nothing leaves the other endpoints";
+  EXPECT_EQ(1u, plan.targets[0].endpoint);
 }
 
 // Over loopback: a refused endpoint is passed over within the call, a dead list fails with the last error within the

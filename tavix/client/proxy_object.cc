@@ -28,6 +28,9 @@ const std::u16string& SendBlobName() {
   return name;
 }
 
+// Below this the check costs more than it is likely to find.
+constexpr uint64_t kIdleCheckMs = 100;
+
 uint32_t LastErrorOr(uint32_t fallback) {
   const uint32_t code = TavixGetLastError();
   return code != 0 ? code : fallback;
@@ -55,14 +58,21 @@ void ProxyObject::Bind(const SmartPtr<Communicator>& communicator, EndpointSet e
   m_connection = nullptr;
   m_communicator = communicator;
   m_endpoints = std::move(endpoints);
-  m_passport = m_endpoints.At(m_endpoints.Current());
+  m_passport = m_endpoints.At(m_endpoints.CurrentEndpoint());
   m_objectName = objectName;
 }
 
 void ProxyObject::SetEndpointOrder(EndpointSet::Order order) {
   ScopedLock guard(m_callLock);
   m_endpoints.SetOrder(order);
-  if (!m_connection) m_passport = m_endpoints.At(m_endpoints.Current());
+  if (!m_connection) m_passport = m_endpoints.At(m_endpoints.CurrentEndpoint());
+}
+
+bool ProxyObject::ConnectedPeer(std::u16string& address, uint16_t& port) {
+  ScopedLock guard(m_callLock);
+  if (!m_connection || m_connection->GetState() != Connection::StateConnected) return false;
+  const SmartPtr<ITransceiver> transceiver = m_connection->GetTransceiver();
+  return transceiver && transceiver->GetPeer(address, port);
 }
 
 void ProxyObject::AutoReconnect(bool on) { m_autoReconnect.store(on ? 1 : 0); }
@@ -86,7 +96,7 @@ uint32_t ProxyObject::Setup() {
   // A connection that failed before: the next one starts elsewhere.
   const bool reconnect = static_cast<bool>(m_connection);
   if (m_connection) {
-    if (m_connection->GetState() == Connection::StateConnected) return 0;
+    if (m_connection->GetState() == Connection::StateConnected && !ServerLeftWhileIdle()) return 0;
     if (!AutoReconnect()) return Err::ProxyClosed;
   } else {
     m_connection = MakeShared<Connection>();
@@ -100,24 +110,34 @@ uint32_t ProxyObject::Setup() {
 uint32_t ProxyObject::Connect(bool moveOn) {
   const uint64_t start = platform::TickCountMs();
   const uint32_t timeout = Timeout();
-  uint32_t last = Err::ConnectionClosed;
-  for (const size_t i : m_endpoints.Candidates(start, moveOn)) {
+  const EndpointSet::Plan plan = m_endpoints.Targets(start, moveOn);
+  uint32_t last = plan.lookupError != 0 ? plan.lookupError : Err::ConnectionClosed;
+  for (const EndpointSet::Target& target : plan.targets) {
     if (timeout != 0 && platform::TickCountMs() - start >= timeout) break;
-    m_passport = m_endpoints.At(i);
-    last = ConnectTo(m_passport);
+    m_passport = m_endpoints.At(target.endpoint);
+    last = ConnectTo(*m_passport, target.address);
     if (last == 0) {
-      m_endpoints.Connected(i);
+      m_endpoints.Connected(target);
       return 0;
     }
-    m_endpoints.Failed(i, platform::TickCountMs());
+    m_endpoints.Failed(target, platform::TickCountMs());
   }
+  if (plan.targets.empty()) m_connection->SetState(Connection::StateClosed);
   return last;
 }
 
-uint32_t ProxyObject::ConnectTo(const SmartPtr<IPassport>& passport) {
+bool ProxyObject::ServerLeftWhileIdle() {
+  if (!AutoReconnect() || platform::TickCountMs() - m_idleSinceMs < kIdleCheckMs) return false;
+  const SmartPtr<ITransceiver> transceiver = m_connection->GetTransceiver();
+  if (!transceiver || !transceiver->PeerHasLeft()) return false;
+  m_connection->SetState(Connection::StateClosed);
+  return true;
+}
+
+uint32_t ProxyObject::ConnectTo(const IPassport& passport, const platform::SocketAddress& address) {
   // The passport reuses the transceiver the connection already has.
   SmartPtr<ITransceiver> transceiver = m_connection->GetTransceiver();
-  if (passport->CreateClientTransceiver(transceiver) < 0) {
+  if (passport.CreateClientTransceiver(transceiver, address) < 0) {
     const uint32_t e = LastErrorOr(Err::ConnectionClosed);
     m_connection->SetState(Connection::StateClosed);
     return e;
@@ -145,6 +165,7 @@ void ProxyObject::BeginCall() {
 }
 
 void ProxyObject::EndCall() {
+  if (AutoReconnect()) m_idleSinceMs = platform::TickCountMs();
   m_callLock.unlock();
   m_communicator->EndCall();
 }

@@ -48,9 +48,12 @@ class ProxyObject : public virtual Shared {
   // them; read from the one in use); 0 waits without limit.
   void Timeout(uint32_t timeoutMs);
   uint32_t Timeout() const;
-  // Which endpoint a new connection tries first: a random one (the
+  // Which address a new connection tries first: a random one (the
   // default, which spreads clients over servers) or the first written.
   void SetEndpointOrder(EndpointSet::Order order);
+  // The server address and port that the proxy's connection reaches, as
+  // printed for the request context; false while it has none.
+  bool ConnectedPeer(std::u16string& address, uint16_t& port);
   // The last call's timings and sizes; read it on the calling thread.
   const TavixPerfmon& GetLastPerfmon() const { return m_perfmon; }
 
@@ -92,10 +95,15 @@ class ProxyObject : public virtual Shared {
   uint32_t Setup();
 
  private:
-  // Connects and validates through the endpoints in turn until one
-  // answers; the code of the last failure when none does. Call lock held.
+  // Connects and validates through the endpoints' addresses in turn until
+  // one answers; the code of the last failure when none does. Call lock
+  // held.
   uint32_t Connect(bool moveOn);
-  uint32_t ConnectTo(const SmartPtr<IPassport>& passport);
+  uint32_t ConnectTo(const IPassport& passport, const platform::SocketAddress& address);
+  // With auto-reconnect on, a connection idle for a while is checked for
+  // a server that went away meanwhile, so that the next call reconnects
+  // before its request leaves instead of failing after.
+  bool ServerLeftWhileIdle();
 
   EndpointSet m_endpoints;       // guarded by m_callLock
   SmartPtr<IPassport> m_passport;  // the endpoint in use; guarded by m_callLock
@@ -104,6 +112,7 @@ class ProxyObject : public virtual Shared {
   SmartPtr<Connection> m_connection;  // guarded by m_callLock
   RecLock m_callLock;                 // serialises calls, Setup and Bind
   std::atomic<int32_t> m_autoReconnect{0};
+  uint64_t m_idleSinceMs = 0;         // the end of the last call; guarded by m_callLock
   TavixPerfmon m_perfmon;             // guarded by m_callLock; read by the caller after its call
 };
 

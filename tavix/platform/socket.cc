@@ -198,6 +198,13 @@ bool SocketView::IoCtl(uint32_t request, uint32_t* argument) const {
   return Retried([&] { return ::ioctl(m_handle, request, argument); }) == 0;
 }
 
+bool SocketView::PeerHasHungUp() const {
+  pollfd entry{};
+  entry.fd = m_handle;
+  entry.events = POLLRDHUP;
+  return IsValid() && ::poll(&entry, 1, 0) == 1 && (entry.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
+}
+
 int32_t SocketView::Poll(PollFor what, uint32_t timeoutMs) const {
   // poll would skip a negative descriptor and merely time out.
   if (!IsValid()) {

@@ -88,6 +88,9 @@ class SocketView {
   // 1 when ready, 0 when `timeoutMs` passed first (0 waits without limit),
   // -1 on failure.
   int32_t Poll(PollFor what, uint32_t timeoutMs) const;
+  // Without waiting: the peer closed its sending side or the connection
+  // failed. Data still queued for reading does not count.
+  bool PeerHasHungUp() const;
 
   // Byte counts (0: the peer closed), -1 on failure. Sends never raise
   // SIGPIPE; a send to a closed peer fails with EPIPE instead.

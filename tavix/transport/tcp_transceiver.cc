@@ -284,6 +284,11 @@ bool TcpTransceiver::GetPeer(std::u16string& address, uint16_t& port) const {
   return true;
 }
 
+bool TcpTransceiver::PeerHasLeft() {
+  const Pin pin(*this);
+  return pin && pin.Socket().PeerHasHungUp();
+}
+
 bool TcpTransceiver::SetStallTimeout(uint32_t timeoutMs) {
   const Pin pin(*this);
   if (!pin) return false;

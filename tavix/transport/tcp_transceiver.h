@@ -62,6 +62,7 @@ class TcpTransceiver : public SocketTransceiver {
   // time-out guards the bytes inside the message.
   int32_t RecvMessageStart(void* buffer, int32_t length, uint32_t timeoutMs) override;
   bool GetPeer(std::u16string& address, uint16_t& port) const override;
+  bool PeerHasLeft() override;
   PassportType Type() const override { return PASSPORT_TCP; }
   int32_t MaxMessageSize() const override { return 0; }
   bool IsBroadcast() const override { return false; }

@@ -59,6 +59,9 @@ class ITransceiver : public virtual Shared {
   // stream, and refuses later receives; sends still go out. Nothing when
   // closed.
   virtual void ShutdownReceive() {}
+  // Whether the other end is known, without waiting, to have closed or
+  // reset the connection. False when the transceiver cannot tell.
+  virtual bool PeerHasLeft() { return false; }
 };
 
 // Owns one socket. The checked options (IoCtl, SetBlocking, the buffer
