@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <thread>
 #include <unordered_map>
 
 #include "tavix/client/typed_call.h"
@@ -472,7 +473,8 @@ TEST(EndpointSetTest, FailedAddressesBackOffAndRandomStartsSpread) {
 // Over loopback: a refused endpoint is passed over within the call, a dead list fails with the last error within the
 // time-out, and a server that goes away mid-series moves the next calls to the other one, with no request sent twice.
 using TextOp = Operation<u"Text", In<std::u16string>, Out<std::u16string>>;
-using Texts = Interface<u"::Test::Texts", TextOp>;
+using PeerOp = Operation<u"Peer", In<>, Out<std::u16string>>;
+using Texts = Interface<u"::Test::Texts", TextOp, PeerOp>;
 
 class TextServant final : public Servant<TextServant, Texts> {
  public:
@@ -482,6 +484,8 @@ class TextServant final : public Servant<TextServant, Texts> {
     out = in;
     return 0;
   }
+  // Where the call came from, as the request's context prints it.
+  uint32_t Serve(PeerOp, std::u16string& out, const Context& ctx) { return out = ctx.peerAddress, 0; }
   std::vector<std::u16string> Seen() {
     std::lock_guard lock(m_mutex);
     return m_seen;
@@ -533,6 +537,68 @@ TEST_F(ProxyTest, CallsFailOverToTheNextEndpointAndNeverRepeatARequest) {
     EXPECT_TRUE(all.insert(text).second) << "sent twice: " << NarrowString(text);
   }
   EXPECT_EQ(static_cast<size_t>(20 - failed) + 1, all.size()) << "the other server took every later call";
+}
+
+// With auto-reconnect on, a connection that stayed idle while its server went away is replaced before the next
+// request leaves: that call succeeds elsewhere.
+TEST_F(ProxyTest, AnIdleConnectionWhoseServerLeftIsReplacedBeforeTheCall) {
+  auto one = MakeShared<TextServant>(), two = MakeShared<TextServant>();
+  auto first = std::make_unique<TestServer>(one, 0, "T");
+  TestServer second(two, 0, "T");
+  using TextPrx = TAVIX::Proxy<Texts>;
+  SmartPtr<TextPrx> proxy = CreateProxy<TextPrx>(m_client, "T:ordered:tcp -h 127.0.0.1 -p " +
+                                                               std::to_string(first->port) + " -t 2000:" +
+                                                               second.ProxyString().substr(2));
+  proxy->AutoReconnect(true);
+  std::u16string out;
+  ASSERT_EQ(0u, proxy->Call<TextOp>(std::u16string(u"before"), out));
+  first.reset();
+  std::this_thread::sleep_for(milliseconds(150));
+  EXPECT_EQ(0u, proxy->Call<TextOp>(std::u16string(u"after"), out));
+  EXPECT_EQ(std::vector<std::u16string>{u"after"}, two->Seen());
+  std::u16string address;
+  uint16_t port = 0;
+  ASSERT_TRUE(proxy->ConnectedPeer(address, port));
+  EXPECT_EQ(std::tuple(std::u16string(u"127.0.0.1"), second.port), std::tuple(address, port));
+}
+
+// A server on every interface takes clients of both families; each servant sees its caller's address printed for
+// its family. IPv6 addresses are written in brackets, on TCP and UDP, and print back the same way.
+TEST_F(ProxyTest, ServersTakeBothFamiliesAndServantsSeeEachPeerAddress) {
+  {
+    platform::Socket probe;
+    const platform::SocketAddress any6 = Numeric("::1", 0);
+    if (!probe.Create(platform::SocketType::kStream, platform::AddressFamily::kIPv6) ||
+        !probe.Bind(any6.Data(), any6.Length())) {
+      GTEST_SKIP() << "this machine has no IPv6 loopback";
+    }
+  }
+  auto servant = MakeShared<TextServant>();
+  TestServer server(servant, 0, "T");  // tcp -h #any
+  using TextPrx = TAVIX::Proxy<Texts>;
+  const auto peerSeen = [&](const std::string& host, const std::string& protocol, uint16_t port) {
+    SmartPtr<TextPrx> proxy =
+        CreateProxy<TextPrx>(m_client, "T:" + protocol + " -h " + host + " -p " + std::to_string(port) + " -t 2000");
+    std::u16string peer;
+    EXPECT_EQ(0u, proxy->Call<PeerOp>(peer)) << host;
+    return NarrowString(peer);
+  };
+  EXPECT_EQ("::1", peerSeen("[::1]", "tcp", server.port));
+  EXPECT_EQ("127.0.0.1", peerSeen("127.0.0.1", "tcp", server.port)) << "not ::ffff:127.0.0.1";
+
+  for (const std::string protocol : {"tcp", "udp"}) {
+    const SmartPtr<IpPassport> own =
+        SmartPtr<IpPassport>::DynamicCast(server.adapter->AddPassport(protocol + " -h [::1] -p 0"));
+    ASSERT_TRUE(own) << protocol;
+    std::vector<std::string> printed;
+    ASSERT_TRUE(server.adapter->GetProxyString("T", printed));
+    const std::string expected = "T:" + protocol + " -h [::1] -p " + std::to_string(own->Port()) + " -t 0";
+    EXPECT_NE(printed.end(), std::find(printed.begin(), printed.end(), expected)) << expected;
+    EXPECT_EQ(protocol == "tcp" ? "::1" : "", peerSeen("[::1]", protocol, own->Port())) << "UDP has no single peer";
+  }
+  EXPECT_EQ(Err::CannotCreateAcceptor,
+            Refused([&] { return server.adapter->AddPassport(std::string("tcp -h [2001:db8::99] -p 0")); }))
+      << "an IPv6 address this machine does not have";
 }
 
 TEST_F(ProxyTest, RecordedRequestsMatchSentOnesAndAreSentAsTheyAre) {
