@@ -7,6 +7,9 @@
 //     (an accepting thread, and a thread per connection that answers 36
 //     bytes to every 48), and beside socket pairs answered by threads their
 //     clients start;
+//   - the same round trip through a proxy naming three endpoints, and the
+//     time from the death of the server in use to the first call answered
+//     through another endpoint;
 //   - "EchoBlob" of 8 MiB against a raw transfer of 8 MiB each way, with
 //     the kernel's default socket buffers and with TAVIX's 64 KiB ones.
 // The run ends with the ratio of each pair, from the medians of the
@@ -49,6 +52,59 @@ void BM_RawPingPong(benchmark::State& state) {
   if (RunRawRoundTrips(state, kPingRequest, kPingReply)) state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_RawPingPong)->UseRealTime();
+
+// The same round trip through a proxy that names three endpoints, two of
+// which refuse: once connected, a call costs what it costs with one.
+void BM_TavixPingThreeEndpoints(benchmark::State& state) {
+  const std::string live = g_bench->proxyString.substr(2);
+  const auto refused = [] { return ":tcp -h 127.0.0.1 -p " + std::to_string(FreePort()) + " -t 30000"; };
+  const BenchProxy proxy(state, *g_bench, "A" + refused() + ":" + live + refused());
+  if (!proxy) return;
+  for (auto _ : state) {
+    if (proxy->ObjectPing() != 0) {
+      state.SkipWithError("ObjectPing failed");
+      break;
+    }
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_TavixPingThreeEndpoints)->UseRealTime();
+
+// From the death of the server in use to the first successful call on the
+// other endpoint, for a proxy that calls back to back: the call that meets
+// the closed connection fails (its request had left), the next one
+// connects elsewhere.
+void BM_TavixReconnectAfterServerDeath(benchmark::State& state) {
+  for (auto _ : state) {
+    SmartPtr<Communicator> doomed = Initialize();
+    SmartPtr<ObjectAdapter> adapter = doomed->CreateObjectAdapter(std::string("Doomed"));
+    adapter->AddServant(MakeShared<EchoServant>(), std::string("A"));
+    adapter->Activate();
+    const SmartPtr<IpPassport> endpoint =
+        SmartPtr<IpPassport>::DynamicCast(adapter->AddPassport(std::string("tcp -h 127.0.0.1 -p 0")));
+    if (!endpoint) {
+      state.SkipWithError("cannot start the second server");
+      break;
+    }
+    SmartPtr<EchoPrx> proxy = CreateProxy<EchoPrx>(
+        g_bench->client, "A:ordered:tcp -h 127.0.0.1 -p " + std::to_string(endpoint->Port()) + " -t 30000:" +
+                             g_bench->proxyString.substr(2));
+    proxy->AutoReconnect(true);
+    if (proxy->ObjectPing() != 0) {
+      state.SkipWithError("cannot reach the second server");
+      break;
+    }
+    doomed->Destroy();
+    const auto died = std::chrono::steady_clock::now();
+    int32_t calls = 1;
+    while (proxy->ObjectPing() != 0 && calls < 10) ++calls;
+    state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - died).count());
+    if (calls == 10) state.SkipWithError("no call succeeded after the server died");
+    proxy = nullptr;
+    WaitForIdleServer(*g_bench);
+  }
+}
+BENCHMARK(BM_TavixReconnectAfterServerDeath)->UseManualTime()->Iterations(50)->Unit(benchmark::kMicrosecond);
 
 // Every thread has its own proxy, so its own connection and serving thread.
 void BM_TavixCalls(benchmark::State& state) {
@@ -120,6 +176,17 @@ class RatioReporter : public MedianReporter {
     if (ping > 0 && raw > 0) {
       std::fprintf(out, "  ObjectPing round trip %.1f us, raw 48/36-byte ping-pong %.1f us: %.2f times (target <= 1.20)\n",
                    ping * 1e6, raw * 1e6, ping / raw);
+    }
+    const double several = Median("BM_TavixPingThreeEndpoints", false);
+    if (ping > 0 && several > 0) {
+      std::fprintf(out, "  ObjectPing through a three-endpoint proxy %.1f us, one endpoint %.1f us: %.2f times (target: "
+                        "within noise)\n",
+                   several * 1e6, ping * 1e6, several / ping);
+    }
+    const double reconnect = Median("BM_TavixReconnectAfterServerDeath", false);
+    if (reconnect > 0) {
+      std::fprintf(out, "  from the death of the server in use to the first call answered elsewhere: %.0f us\n",
+                   reconnect * 1e6);
     }
     for (const char* threads : {"threads:1", "threads:8", "threads:64"}) {
       const double calls = Median(std::string("BM_TavixCalls") + threads, true);

@@ -177,8 +177,9 @@ inline void WaitForIdleServer(const TcpEchoBench& bench) {
 // benchmark marked failed. When it goes, the server is let go idle.
 class BenchProxy {
  public:
-  BenchProxy(benchmark::State& state, const TcpEchoBench& bench)
-      : m_bench(bench), m_proxy(CreateProxy<EchoPrx>(bench.client, bench.proxyString)) {
+  BenchProxy(benchmark::State& state, const TcpEchoBench& bench) : BenchProxy(state, bench, bench.proxyString) {}
+  BenchProxy(benchmark::State& state, const TcpEchoBench& bench, const std::string& proxyString)
+      : m_bench(bench), m_proxy(CreateProxy<EchoPrx>(bench.client, proxyString)) {
     if (!m_proxy || m_proxy->ObjectPing() != 0) {
       state.SkipWithError("cannot reach the Echo servant");
       m_proxy = nullptr;
