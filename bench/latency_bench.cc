@@ -32,15 +32,20 @@ namespace {
 using Bench = TcpEchoBench;
 Bench* g_bench = nullptr;
 
-void BM_TavixPing(benchmark::State& state) {
-  const BenchProxy proxy(state, *g_bench);
-  if (!proxy) return;
+// Pings for as long as the state asks; false when a ping failed.
+bool PingLoop(benchmark::State& state, const BenchProxy& proxy) {
   for (auto _ : state) {
     if (proxy->ObjectPing() != 0) {
       state.SkipWithError("ObjectPing failed");
-      break;
+      return false;
     }
   }
+  return true;
+}
+
+void BM_TavixPing(benchmark::State& state) {
+  const BenchProxy proxy(state, *g_bench);
+  if (!proxy || !PingLoop(state, proxy)) return;
   if (proxy->GetLastPerfmon().requestSize != kPingRequest || proxy->GetLastPerfmon().replySize != kPingReply) {
     state.SkipWithError("unexpected message sizes");
   }
@@ -59,14 +64,7 @@ void BM_TavixPingThreeEndpoints(benchmark::State& state) {
   const std::string live = g_bench->proxyString.substr(2);
   const auto refused = [] { return ":tcp -h 127.0.0.1 -p " + std::to_string(FreePort()) + " -t 30000"; };
   const BenchProxy proxy(state, *g_bench, "A" + refused() + ":" + live + refused());
-  if (!proxy) return;
-  for (auto _ : state) {
-    if (proxy->ObjectPing() != 0) {
-      state.SkipWithError("ObjectPing failed");
-      break;
-    }
-  }
-  state.SetItemsProcessed(state.iterations());
+  if (proxy && PingLoop(state, proxy)) state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_TavixPingThreeEndpoints)->UseRealTime();
 
@@ -109,14 +107,7 @@ BENCHMARK(BM_TavixReconnectAfterServerDeath)->UseManualTime()->Iterations(50)->U
 // Every thread has its own proxy, so its own connection and serving thread.
 void BM_TavixCalls(benchmark::State& state) {
   const BenchProxy proxy(state, *g_bench);
-  if (!proxy) return;
-  for (auto _ : state) {
-    if (proxy->ObjectPing() != 0) {
-      state.SkipWithError("ObjectPing failed");
-      break;
-    }
-  }
-  state.SetItemsProcessed(state.iterations());
+  if (proxy && PingLoop(state, proxy)) state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_TavixCalls)->Threads(1)->Threads(8)->Threads(64)->UseRealTime()->MinTime(1.0);
 

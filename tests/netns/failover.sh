@@ -49,19 +49,12 @@ fail() {
   exit 1
 }
 
-if ! ip netns add "$switch" 2>"$work/err"; then
-  echo "SKIPPED: cannot make network namespaces here: $(cat "$work/err")"
-  exit 77
-fi
+source "$(dirname "$0")/network.sh"
+make_switch "$switch" "$work/err"
 set -e
-ip -n "$switch" link add br0 type bridge
-ip -n "$switch" link set br0 up
 for i in "${!hosts[@]}"; do
   ns=${hosts[$i]}
-  ip netns add "$ns"
-  ip -n "$ns" link set lo up
-  ip -n "$switch" link add "port$i" type veth peer name eth0 netns "$ns"
-  ip -n "$switch" link set "port$i" master br0 up
+  add_host "$switch" "$i" "$ns"
   ip -n "$ns" addr add "${v4[$i]}/24" dev eth0
   ip -n "$ns" addr add "${v6[$i]}/64" dev eth0 nodad
   ip -n "$ns" link set eth0 up

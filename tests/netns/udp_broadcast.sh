@@ -25,19 +25,12 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 1' INT TERM
 
-if ! ip netns add "$switch" 2>"$work/err"; then
-  echo "SKIPPED: cannot make network namespaces here: $(cat "$work/err")"
-  exit 77
-fi
+source "$(dirname "$0")/network.sh"
+make_switch "$switch" "$work/err"
 set -e
-ip -n "$switch" link add br0 type bridge
-ip -n "$switch" link set br0 up
 for i in "${!hosts[@]}"; do
   ns=${hosts[$i]}
-  ip netns add "$ns"
-  ip -n "$switch" link add "port$i" type veth peer name eth0 netns "$ns"
-  ip -n "$switch" link set "port$i" master br0 up
-  ip -n "$ns" link set lo up
+  add_host "$switch" "$i" "$ns"
   ip -n "$ns" addr add "${addresses[$i]}/24" broadcast 192.0.2.255 dev eth0
   ip -n "$ns" link set eth0 up
   # The limited broadcast address leaves through the subnet's interface.
