@@ -107,6 +107,8 @@ show "$build/tools/tavix" ping "Echo:udp -h #any -p $port -t 3000" || true
 step "several endpoints in one proxy string: a refused one is passed over within each call"
 dead="tcp -h 127.0.0.1 -p $(free_port) -t 3000"
 show "$build/tools/tavix" call "Echo:ordered:$dead:${proxy#Echo:}" echo "failover" --repeat 3
+echo "the same server over IPv6 (a server on #any takes both families), the address in brackets:"
+show "$build/tools/tavix" ping "Echo:tcp -h [::1] -p $port -t 3000" --count 1 || true
 
 echo "a servant's own status prints the text the client registered for it:"
 show "$build/tools/tavix" call "$proxy" fail 0x40000001 --status-text "0x40000001=No such key" || true
