@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(g++ make cmake pkg-config iproute2 clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
-          libunwind-dev libdw-dev "$@")
+          libunwind-dev libdw-dev libssl-dev openssl "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

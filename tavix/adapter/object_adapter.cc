@@ -76,8 +76,41 @@ bool ObjectAdapter::RemoveServant(const std::string& id) { return RemoveServant(
 
 SmartPtr<Object> ObjectAdapter::FindServant(const std::u16string& id) { return m_servants.Find(id); }
 
+uint32_t ObjectAdapter::SetTlsSettings(const TlsSettings& settings) {
+  std::shared_ptr<const TlsContext> context;
+  if (const uint32_t r = TlsContext::Make(settings, TlsContext::Role::kServer, context); r != 0) return r;
+  m_ownTls.store(true);
+  m_tlsSlot->Set(std::move(context));
+  return 0;
+}
+
+uint32_t ObjectAdapter::ReloadTls() {
+  const std::shared_ptr<const TlsContext> current = m_tlsSlot->Get();
+  std::shared_ptr<const TlsContext> fresh;
+  const uint32_t r = current ? TlsContext::Make(current->Settings(), TlsContext::Role::kServer, fresh)
+                             : Err::TlsNotConfigured;
+  if (r != 0) {
+    std::string text;
+    GetErrMsg(r, text);
+    TraceLog::Write(u"ERROR: TLS reload failed: 0x%08X %hs The settings in use stay.\n", r, text.c_str());
+    TavixSetLastError(r);
+    return r;
+  }
+  m_tlsSlot->Set(std::move(fresh));
+  return 0;
+}
+
+void ObjectAdapter::InheritTls(std::shared_ptr<const TlsContext> context) {
+  if (!m_ownTls.load()) m_tlsSlot->Set(std::move(context));
+}
+
 SmartPtr<IPassport> ObjectAdapter::AddPassport(const std::u16string& endpoint) {
   SmartPtr<IPassport> passport = PassportFactory().Create(endpoint);
+  if (passport && passport->Type() == PASSPORT_UDP && m_refuseUdp.load()) {
+    TavixSetLastError(Err::UdpRefused);
+    return nullptr;
+  }
+  if (const SmartPtr<SslPassport> ssl = SmartPtr<SslPassport>::DynamicCast(passport)) ssl->SetServerContexts(m_tlsSlot);
   if (!passport) return nullptr;
 
   // One hold of the lock from the scan to the insert: two calls for one
@@ -99,7 +132,7 @@ SmartPtr<IPassport> ObjectAdapter::AddPassport(const std::u16string& endpoint) {
 }
 
 SmartPtr<IConnectionFactory> ObjectAdapter::MakeFactory(const SmartPtr<IPassport>& passport) {
-  if (passport->Type() == PASSPORT_TCP) {
+  if (passport->Type() == PASSPORT_TCP || passport->Type() == PASSPORT_SSL) {
     return MakeShared<TcpConnectionFactory>(passport, SmartPtr<ObjectAdapter>(this));
   }
   return MakeShared<UdpConnectionFactory>(passport, SmartPtr<ObjectAdapter>(this));

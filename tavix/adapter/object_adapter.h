@@ -9,9 +9,12 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "tavix/transport/tls_context.h"
+#include "tavix/transport/tls_settings.h"
 #include "tavix/core/locks.h"
 #include "tavix/core/shared.h"
 #include "tavix/invoke/object.h"
@@ -128,6 +131,22 @@ class ObjectAdapter : public IObjectHost {
   // Server connections being served right now.
   int32_t GetConnectionCount() const { return m_connections.load(); }
 
+  // TLS for this adapter's ssl endpoints, in place of the communicator's:
+  // connections accepted from now on use it, open ones keep theirs. 0, or
+  // the code of what could not be read (the old settings stay).
+  uint32_t SetTlsSettings(const TlsSettings& settings);
+  // Reads the current settings' files again and swaps them in for new
+  // connections. A failure (a missing file, a key that no longer matches)
+  // keeps the old ones and writes one line to the log; its code is
+  // returned.
+  uint32_t ReloadTls();
+  // The communicator's settings, taken while the adapter has none of its
+  // own.
+  void InheritTls(std::shared_ptr<const TlsContext> context);
+  // From now on a udp endpoint is refused (AddPassport fails with
+  // Err::UdpRefused), for deployments where every endpoint is secured.
+  void RefuseUdpEndpoints(bool refuse) { m_refuseUdp.store(refuse); }
+
  protected:
   void SetStatus(ObjectAdapterStatus status);
 
@@ -152,6 +171,10 @@ class ObjectAdapter : public IObjectHost {
   std::atomic<int32_t> m_connections{0};
   std::atomic<int32_t> m_maxConnections{ConnectionLimits{}.maxConnections};
   std::atomic<uint32_t> m_bodyTimeoutMs{ConnectionLimits{}.bodyTimeoutMs};
+  // Handed to every ssl passport; swapped whole by a reload.
+  const std::shared_ptr<TlsContextSlot> m_tlsSlot = std::make_shared<TlsContextSlot>();
+  std::atomic<bool> m_ownTls{false};
+  std::atomic<bool> m_refuseUdp{false};
   DisconnectCallback m_callback = nullptr;  // guarded by m_callbackLock
   void* m_callbackContext = nullptr;       // guarded by m_callbackLock
   // Keeps the callback and its context a consistent pair.

@@ -44,6 +44,9 @@ class TcpConnectionFactory : public IConnectionFactory {
   // Queues a non-empty connection for reaping and passes the reason to the
   // adapter's disconnect notification. Always true.
   bool ConnectionClosed(const SmartPtr<Connection>& connection, TavixDisconnectReason reason) override;
+  // One line per burst: "ERROR: TLS handshake with <peer> failed: <reason>
+  // (N more since the last line)."
+  void EstablishFailed(const std::u16string& peer, uint32_t code, const std::string& reason) override;
   // Waits for every live connection, then stops the accept thread. Callers
   // call Destroy first. Activate may follow.
   void WaitUntilDestroy(uint64_t deadlineTick) override;
@@ -72,6 +75,7 @@ class TcpConnectionFactory : public IConnectionFactory {
   SmartPtr<IObjectHost> m_adapter;
   BurstLog m_acceptFailures;
   BurstLog m_refusals;
+  BurstLog m_handshakeFailures;
 };
 
 // The accept thread. It points at its factory without holding it: the

@@ -2,6 +2,7 @@
 
 #include "tavix/client/proxy_helper.h"
 #include "tavix/core/errors.h"
+#include "tavix/core/trace_log.h"
 #include "tavix/invoke/connection.h"
 #include "tavix/platform/clock.h"
 #include "tavix/runtime/communicator.h"
@@ -110,6 +111,7 @@ uint32_t ProxyObject::Setup() {
 uint32_t ProxyObject::Connect(bool moveOn) {
   const uint64_t start = platform::TickCountMs();
   const uint32_t timeout = Timeout();
+  HandOutClientTls();
   const EndpointSet::Plan plan = m_endpoints.Targets(start, moveOn);
   uint32_t last = plan.lookupError != 0 ? plan.lookupError : Err::ConnectionClosed;
   for (const EndpointSet::Target& target : plan.targets) {
@@ -124,6 +126,14 @@ uint32_t ProxyObject::Connect(bool moveOn) {
   }
   if (plan.targets.empty()) m_connection->SetState(Connection::StateClosed);
   return last;
+}
+
+void ProxyObject::HandOutClientTls() {
+  for (size_t i = 0; i < m_endpoints.Size(); ++i) {
+    if (const SmartPtr<SslPassport> ssl = SmartPtr<SslPassport>::DynamicCast(m_endpoints.At(i))) {
+      ssl->SetClientContext(m_communicator->ClientTls());
+    }
+  }
 }
 
 bool ProxyObject::ServerLeftWhileIdle() {
@@ -143,6 +153,14 @@ uint32_t ProxyObject::ConnectTo(const IPassport& passport, const platform::Socke
     return e;
   }
   m_connection->SetTransceiver(transceiver);
+  if (std::string failure; transceiver->Establish(failure) != 0) {
+    const uint32_t e = LastErrorOr(Err::TlsHandshakeFailed);
+    std::u16string endpoint;
+    TraceLog::Write(u"ERROR: TLS handshake with %s failed: %hs.\n", passport.toString(endpoint), failure.c_str());
+    transceiver->Close();
+    m_connection->SetState(Connection::StateClosed);
+    return e;
+  }
   m_connection->SetState(Connection::StateValidating);
 
   // A server that accepts but never validates must not hold the caller

@@ -104,6 +104,8 @@ class ProxyObject : public virtual Shared {
   // a server that went away meanwhile, so that the next call reconnects
   // before its request leaves instead of failing after.
   bool ServerLeftWhileIdle();
+  // The communicator's current client TLS, for the ssl endpoints.
+  void HandOutClientTls();
 
   EndpointSet m_endpoints;       // guarded by m_callLock
   SmartPtr<IPassport> m_passport;  // the endpoint in use; guarded by m_callLock

@@ -12,7 +12,7 @@
 namespace TAVIX {
 namespace {
 
-constexpr std::array<ErrorEntry, 38> kErrorTable{{
+constexpr std::array<ErrorEntry, 47> kErrorTable{{
     {0x20000000, u"Connection has been closed."},
     {0x20000001, u"Illegal buffer size."},
     {0x20000002, u"Unsupported funtion."},
@@ -51,6 +51,15 @@ constexpr std::array<ErrorEntry, 38> kErrorTable{{
     {0x20000407, u"Uninitialized union data type"},
     {0x20000408, u"Error when read or write blob"},
     {0x20000409, u"Host not found."},
+    {0x2000040A, u"TLS certificate file cannot be read."},
+    {0x2000040B, u"TLS private key file cannot be read."},
+    {0x2000040C, u"TLS private key does not match the certificate."},
+    {0x2000040D, u"TLS trusted CA file cannot be read."},
+    {0x2000040E, u"TLS is not configured for this endpoint."},
+    {0x2000040F, u"TLS handshake failed."},
+    {0x20000410, u"TLS handshake timed out."},
+    {0x20000411, u"TLS record error."},
+    {0x20000412, u"UDP endpoints are refused by this adapter."},
 }};
 
 const char16_t* LibraryMessage(uint32_t code) {

@@ -53,9 +53,19 @@ inline constexpr uint32_t BadUnionVariant = 0x20000406;
 inline constexpr uint32_t UninitializedUnion = 0x20000407;
 inline constexpr uint32_t BlobIoError = 0x20000408;
 inline constexpr uint32_t HostNotFound = 0x20000409;
+// The secure transport.
+inline constexpr uint32_t TlsCertificateUnreadable = 0x2000040A;
+inline constexpr uint32_t TlsKeyUnreadable = 0x2000040B;
+inline constexpr uint32_t TlsKeyMismatch = 0x2000040C;
+inline constexpr uint32_t TlsCaUnreadable = 0x2000040D;
+inline constexpr uint32_t TlsNotConfigured = 0x2000040E;
+inline constexpr uint32_t TlsHandshakeFailed = 0x2000040F;
+inline constexpr uint32_t TlsHandshakeTimeout = 0x20000410;
+inline constexpr uint32_t TlsStreamError = 0x20000411;
+inline constexpr uint32_t UdpRefused = 0x20000412;
 
 inline constexpr uint32_t First = 0x20000000;
-inline constexpr uint32_t Last = 0x20000409;
+inline constexpr uint32_t Last = 0x20000412;
 }  // namespace Err
 
 // Statuses that servants return for their own outcomes. The range meets

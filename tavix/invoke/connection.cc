@@ -305,6 +305,15 @@ int Connection::Run() {
 
   TavixDisconnectReason reason = DISCONNECT_NORMAL;
   try {
+    if (std::string failure; m_transceiver->Establish(failure) != 0) {
+      const uint32_t code = TavixGetLastError();
+      m_transceiver->Close();
+      if (m_factory) {
+        m_factory->EstablishFailed(label, code, failure);
+        m_factory->ConnectionClosed(SmartPtr<Connection>(this), DISCONNECT_HANDSHAKE_FAILED);
+      }
+      return 0;
+    }
     if (const Transfer sent = SendValidationMessage(); sent.Failed()) {
       TraceLog::Write(u"ERROR: Send Validation message to client failed:%d,%s.\n", sent.Code(),
                       ErrorText(sent.Code()));

@@ -7,6 +7,9 @@
 
 #include <cstdint>
 
+#include <cstdint>
+#include <string>
+
 #include "tavix/core/shared.h"
 #include "tavix/invoke/object_host.h"
 
@@ -29,6 +32,10 @@ class IConnectionFactory : public virtual Shared {
   // Called by a connection's serving thread as it ends; `connection` may be
   // empty when only the reason is to be passed on. The result is advisory.
   virtual bool ConnectionClosed(const SmartPtr<Connection>& connection, TavixDisconnectReason reason) = 0;
+  // A connection's stream could not be brought up (its TLS handshake
+  // failed): `peer` is the connection's label, `reason` why. Reports floods
+  // in bursts. Only stream factories meet it.
+  virtual void EstablishFailed(const std::u16string& /*peer*/, uint32_t /*code*/, const std::string& /*reason*/) {}
   // Waits for the connections and stops listening; Activate may follow. A
   // connection whose request still runs at the deadline (a tick count of
   // the monotonic clock) is abandoned.

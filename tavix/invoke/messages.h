@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <string>
 
+#include "tavix/core/peer_identity.h"
 #include "tavix/marshal/basic_stream.h"
 #include "tavix/marshal/message_header.h"
 
@@ -65,8 +66,11 @@ struct Context {
   std::u16string operation;
   std::u16string reserved;  // always empty
   int32_t oneway = 0;       // 1 when the request's id is 0
-  std::u16string peerAddress;  // dotted IPv4 on TCP, empty on UDP
+  std::u16string peerAddress;  // "10.0.0.7" or "2001:db8::7" on TCP, empty on UDP
   uint16_t peerPort = 0;
+  // The client's verified certificate on an ssl connection that has one;
+  // null otherwise. Lives as long as the connection.
+  const PeerIdentity* peerIdentity = nullptr;
 };
 
 // Timings and sizes of a proxy's last call.

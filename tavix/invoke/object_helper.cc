@@ -43,7 +43,9 @@ void ObjectHelper::Invoke() {
   // A datagram transceiver leaves the peer as it finds it.
   context.peerAddress.clear();
   context.peerPort = 0;
-  m_connection.GetTransceiver()->GetPeer(context.peerAddress, context.peerPort);
+  const SmartPtr<ITransceiver>& transceiver = m_connection.GetTransceiver();
+  transceiver->GetPeer(context.peerAddress, context.peerPort);
+  context.peerIdentity = transceiver->GetPeerIdentity();
 
   if (m_host.GetStatus() != ADAPTER_ACTIVE) {
     FinishServant(Err::AdapterInactive, 0);

@@ -28,6 +28,7 @@ enum TavixDisconnectReason : int32_t {
   DISCONNECT_LIBRARY_EXCEPTION = 4,  // a TavixException
   DISCONNECT_SYSTEM_EXCEPTION = 5,   // a Win32SE
   DISCONNECT_OTHER_ERROR = 6,        // anything else
+  DISCONNECT_HANDSHAKE_FAILED = 7,   // the TLS handshake failed or ran out of time
 };
 
 // What an adapter allows its server connections.

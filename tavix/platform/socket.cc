@@ -15,6 +15,8 @@
 #include <chrono>
 #include <climits>
 #include <cstdint>
+#include <fstream>
+#include <string>
 
 #include "tavix/platform/last_error.h"
 
@@ -81,6 +83,14 @@ bool IsFamilyUnavailable(uint32_t error) {
 }
 
 bool IsForeignAddress(uint32_t error) { return error == EADDRNOTAVAIL; }
+
+bool KernelTlsAvailable() {
+  std::ifstream list("/proc/sys/net/ipv4/tcp_available_ulp");
+  for (std::string word; list >> word;) {
+    if (word == "tls") return true;
+  }
+  return false;
+}
 
 bool SocketView::Bind(const void* address, uint32_t length) const {
   return Retried([&] { return ::bind(m_handle, static_cast<const sockaddr*>(address), length); }) == 0;

@@ -41,6 +41,9 @@ bool IsTransientAcceptError(uint32_t acceptError);
 bool IsFamilyUnavailable(uint32_t error);
 // True for the bind error that names an address this machine does not have.
 bool IsForeignAddress(uint32_t error);
+// Whether the kernel offers TLS as a TCP upper layer protocol ("tls" in
+// /proc/sys/net/ipv4/tcp_available_ulp).
+bool KernelTlsAvailable();
 
 class SocketView {
  public:

@@ -25,6 +25,10 @@ SmartPtr<ObjectAdapter> Communicator::CreateObjectAdapter(const std::u16string& 
     return nullptr;
   }
   SmartPtr<ObjectAdapter> adapter = MakeShared<ObjectAdapter>();
+  {
+    ScopedLock guard(m_tlsLock);
+    adapter->InheritTls(m_serverTls);
+  }
   ScopedLock guard(m_adaptersLock);
   if (!m_adapters.emplace(name, adapter).second) {
     TavixSetLastError(Err::AdapterNameExists);
@@ -35,6 +39,27 @@ SmartPtr<ObjectAdapter> Communicator::CreateObjectAdapter(const std::u16string& 
 
 SmartPtr<ObjectAdapter> Communicator::CreateObjectAdapter(const std::string& name) {
   return CreateObjectAdapter(WiddenString(name));
+}
+
+uint32_t Communicator::SetTlsSettings(const TlsSettings& settings) {
+  std::shared_ptr<const TlsContext> client, server;
+  if (const uint32_t r = TlsContext::Make(settings, TlsContext::Role::kClient, client); r != 0) return r;
+  const bool canServe = !settings.certificateChainFile.empty() || !settings.privateKeyFile.empty();
+  if (canServe) {
+    if (const uint32_t r = TlsContext::Make(settings, TlsContext::Role::kServer, server); r != 0) return r;
+  }
+  {
+    ScopedLock guard(m_tlsLock);
+    m_clientTls = client;
+    m_serverTls = server;
+  }
+  for (auto& [name, adapter] : Adapters()) adapter->InheritTls(server);
+  return 0;
+}
+
+std::shared_ptr<const TlsContext> Communicator::ClientTls() const {
+  ScopedLock guard(m_tlsLock);
+  return m_clientTls;
 }
 
 void Communicator::Shutdown() {

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 
@@ -66,7 +67,20 @@ class Communicator : public virtual Shared {
   static constexpr int32_t kCallWaitRounds = 1200;
   static constexpr uint32_t kCallWaitStepMs = 1000;
 
+  // TLS for ssl endpoints. Proxies verify servers against its CAs (the
+  // system's when it names none) and present its certificate when it has
+  // one; adapters without settings of their own listen with it (it needs a
+  // certificate and key for that). 0, or the code of what could not be
+  // read, and nothing changes.
+  uint32_t SetTlsSettings(const TlsSettings& settings);
+  // What proxies connect with; null until settings were set.
+  std::shared_ptr<const TlsContext> ClientTls() const;
+
  private:
+  mutable SpinLock m_tlsLock;
+  std::shared_ptr<const TlsContext> m_clientTls;  // guarded by m_tlsLock
+  std::shared_ptr<const TlsContext> m_serverTls;  // guarded by m_tlsLock
+
   std::set<SmartPtr<Connection>> m_clientConnections;  // guarded by m_connectionsLock
   RecLock m_connectionsLock;
   std::map<std::u16string, SmartPtr<ObjectAdapter>> m_adapters;  // guarded by m_adaptersLock

@@ -12,6 +12,8 @@
 #include "tavix/core/trace_log.h"
 #include "tavix/platform/last_error.h"
 #include "tavix/platform/socket.h"
+#include "tavix/transport/ssl_acceptor.h"
+#include "tavix/transport/ssl_transceiver.h"
 #include "tavix/transport/tcp_acceptor.h"
 #include "tavix/transport/tcp_transceiver.h"
 #include "tavix/transport/udp_transceiver.h"
@@ -53,7 +55,19 @@ int32_t ReadDecimal(std::u16string_view text) {
   return static_cast<int32_t>(std::clamp<int64_t>(value, INT32_MIN, INT32_MAX));
 }
 
-std::u16string_view ProtocolWord(PassportType type) { return type == PASSPORT_UDP ? u"udp" : u"tcp"; }
+std::u16string_view ProtocolWord(PassportType type) {
+  switch (type) {
+    case PASSPORT_UDP:
+      return u"udp";
+    case PASSPORT_SSL:
+      return u"ssl";
+    default:
+      return u"tcp";
+  }
+}
+
+// TCP and TLS endpoints both listen on TCP ports.
+bool IsStream(PassportType type) { return type == PASSPORT_TCP || type == PASSPORT_SSL; }
 
 bool IsBracketed(std::u16string_view host) { return host.size() >= 2 && host.front() == u'[' && host.back() == u']'; }
 
@@ -147,7 +161,7 @@ bool IpPassport::ParseHost(std::u16string_view value) {
   if (!IsWellFormedHost(value)) return false;
   m_host = value;
   // A TCP server named by this machine's own name listens everywhere.
-  m_local = Type() == PASSPORT_TCP && EqualsNoCase(value, GetLocalHostName());
+  m_local = IsStream(Type()) && EqualsNoCase(value, GetLocalHostName());
   return true;
 }
 
@@ -170,7 +184,7 @@ std::string& IpPassport::toString(std::string& out) const {
 }
 
 bool IpPassport::Conflict(const IPassport& other) const {
-  if (other.Type() != Type()) return false;
+  if (other.Type() != Type() && !(IsStream(other.Type()) && IsStream(Type()))) return false;
   const auto* ip = dynamic_cast<const IpPassport*>(&other);
   if (ip == nullptr) return false;
   if (!m_local && !ip->m_local && !EqualsNoCase(m_host, ip->m_host)) return false;
@@ -242,13 +256,15 @@ int32_t TcpPassport::CreateClientTransceiver(SmartPtr<ITransceiver>& holder,
   return TcpTransceiver::Connect(address, holder);
 }
 
+SmartPtr<TcpAcceptor> TcpPassport::NewAcceptor() const { return MakeShared<TcpAcceptor>(); }
+
 int32_t TcpPassport::CreateServerTransceiver(SmartPtr<ITransceiver>& /*holder*/) const {
   TavixSetLastError(Err::NeedAcceptor);
   return -2;
 }
 
 int32_t TcpPassport::CreateAcceptor(SmartPtr<IAcceptor>& holder) const {
-  if (holder && holder->Type() != PASSPORT_TCP) {
+  if (holder && holder->Type() != Type()) {
     holder->Close();
     holder = nullptr;
   }
@@ -268,7 +284,8 @@ int32_t TcpPassport::CreateAcceptor(SmartPtr<IAcceptor>& holder) const {
   if (acceptor) {
     acceptor->Close();
   } else {
-    acceptor = MakeShared<TcpAcceptor>();
+    acceptor = NewAcceptor();
+    if (!acceptor) return -2;
   }
   acceptor->SetAddress(address);
   if (acceptor->Open() != 0) {
@@ -322,6 +339,46 @@ int32_t UdpPassport::CreateAcceptor(SmartPtr<IAcceptor>& /*holder*/) const {
   return -2;
 }
 
+void SslPassport::SetServerContexts(std::shared_ptr<const TlsContextSlot> slot) {
+  ScopedLock guard(m_contextLock);
+  m_serverSlot = std::move(slot);
+}
+
+void SslPassport::SetClientContext(std::shared_ptr<const TlsContext> context) {
+  ScopedLock guard(m_contextLock);
+  m_clientContext = std::move(context);
+}
+
+int32_t SslPassport::CreateClientTransceiver(SmartPtr<ITransceiver>& holder,
+                                             const platform::SocketAddress& address) const {
+  std::shared_ptr<const TlsContext> context;
+  {
+    ScopedLock guard(m_contextLock);
+    context = m_clientContext;
+  }
+  if (!context) {
+    TavixSetLastError(Err::TlsNotConfigured);
+    return -2;
+  }
+  SmartPtr<SslTransceiver> ssl = SmartPtr<SslTransceiver>::DynamicCast(holder);
+  if (ssl) {
+    ssl->SetClient(context, ResolverHost());
+  } else {
+    if (holder) holder->Close();
+    holder = MakeShared<SslTransceiver>(context, ResolverHost());
+  }
+  return TcpTransceiver::Connect(address, holder);
+}
+
+SmartPtr<TcpAcceptor> SslPassport::NewAcceptor() const {
+  ScopedLock guard(m_contextLock);
+  if (!m_serverSlot || !m_serverSlot->Get()) {
+    TavixSetLastError(Err::TlsNotConfigured);
+    return nullptr;
+  }
+  return MakeShared<SslAcceptor>(m_serverSlot);
+}
+
 SmartPtr<IPassport> PassportFactory::Create(const std::u16string& text) const {
   const std::vector<std::u16string_view> tokens = Tokens(text);
   if (tokens.empty()) {
@@ -333,6 +390,8 @@ SmartPtr<IPassport> PassportFactory::Create(const std::u16string& text) const {
     passport = MakeShared<TcpPassport>();
   } else if (EqualsNoCase(tokens.front(), ProtocolWord(PASSPORT_UDP))) {
     passport = MakeShared<UdpPassport>();
+  } else if (EqualsNoCase(tokens.front(), ProtocolWord(PASSPORT_SSL))) {
+    passport = MakeShared<SslPassport>();
   } else {
     TavixSetLastError(Err::UnsupportedFunction);
     return nullptr;
@@ -344,7 +403,8 @@ SmartPtr<IPassport> PassportFactory::Create(const std::u16string& text) const {
 SmartPtr<IPassport> PassportFactory::Create(const std::string& text) const { return Create(WiddenString(text)); }
 
 bool PassportFactory::IsProtocolWord(std::u16string_view word) {
-  return EqualsNoCase(word, ProtocolWord(PASSPORT_TCP)) || EqualsNoCase(word, ProtocolWord(PASSPORT_UDP));
+  return EqualsNoCase(word, ProtocolWord(PASSPORT_TCP)) || EqualsNoCase(word, ProtocolWord(PASSPORT_UDP)) ||
+         EqualsNoCase(word, ProtocolWord(PASSPORT_SSL));
 }
 
 }  // namespace TAVIX

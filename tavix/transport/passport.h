@@ -5,11 +5,13 @@
 #define TAVIX_TRANSPORT_PASSPORT_H_
 
 #include <atomic>
+#include <memory>
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "tavix/core/locks.h"
 #include "tavix/core/shared.h"
 #include "tavix/platform/socket_address.h"
 #include "tavix/transport/passport_type.h"
@@ -18,6 +20,9 @@ namespace TAVIX {
 
 class IAcceptor;
 class ITransceiver;
+class TcpAcceptor;
+class TlsContext;
+class TlsContextSlot;
 
 // The Create* operations return 0 on success, -1 when a platform call
 // failed (its errno is the last error) and -2 with a library code as the
@@ -109,12 +114,12 @@ class IpPassport : public IPassport {
  private:
   bool Parse(const std::u16string& text);
   bool ParseHost(std::u16string_view value);
-  // The host text as the resolver takes it: without brackets.
-  std::string ResolverHost() const;
   // Every address of the host, a numeric one without asking the resolver.
   int32_t ResolveHost(std::vector<platform::SocketAddress>& out) const;
 
  protected:
+  // The host text as the resolver takes it: without brackets.
+  std::string ResolverHost() const;
   // The host's first address; -2 with Err::HostNotFound when it has none.
   int32_t HostAddress(platform::SocketAddress& out) const;
 
@@ -146,6 +151,45 @@ class TcpPassport : public IpPassport {
   // flag) or on one of this machine's own addresses; any other host gives
   // -2 with Err::CannotCreateAcceptor.
   int32_t CreateAcceptor(SmartPtr<IAcceptor>& holder) const override;
+
+ protected:
+  // The acceptor CreateAcceptor opens; null (last error set) when this
+  // endpoint cannot listen.
+  virtual SmartPtr<TcpAcceptor> NewAcceptor() const;
+};
+
+// A TCP endpoint whose connections carry TLS ("ssl -h host -p port -t
+// ms"). Certificates never come with the endpoint string: the adapter
+// hands a server endpoint the slot of its current context, the proxy hands
+// a client endpoint the communicator's client context.
+class SslPassport : public TcpPassport {
+ public:
+  SslPassport() = default;
+  SslPassport(const SslPassport& other) : Shared(), TcpPassport(other) {}
+  SslPassport& operator=(const SslPassport& other) {
+    TcpPassport::operator=(other);
+    return *this;
+  }
+
+  PassportType Type() const override { return PASSPORT_SSL; }
+  void SetServerContexts(std::shared_ptr<const TlsContextSlot> slot);
+  void SetClientContext(std::shared_ptr<const TlsContext> context);
+  using TcpPassport::CreateClientTransceiver;
+  // A connected SslTransceiver (the one in `holder` when it is one), not
+  // yet through its handshake; -2 with Err::TlsNotConfigured without a
+  // client context.
+  int32_t CreateClientTransceiver(SmartPtr<ITransceiver>& holder,
+                                  const platform::SocketAddress& address) const override;
+
+ protected:
+  // An SslAcceptor; null with Err::TlsNotConfigured when the adapter has
+  // no server context.
+  SmartPtr<TcpAcceptor> NewAcceptor() const override;
+
+ private:
+  mutable SpinLock m_contextLock;
+  std::shared_ptr<const TlsContextSlot> m_serverSlot;    // guarded by m_contextLock
+  std::shared_ptr<const TlsContext> m_clientContext;    // guarded by m_contextLock
 };
 
 class UdpPassport : public IpPassport {
@@ -184,7 +228,7 @@ class PassportFactory {
   // the passport's Create left.
   SmartPtr<IPassport> Create(const std::u16string& text) const;
   SmartPtr<IPassport> Create(const std::string& text) const;
-  // Whether `word` names a transport ("tcp", "udp"; any case).
+  // Whether `word` names a transport ("tcp", "udp", "ssl"; any case).
   static bool IsProtocolWord(std::u16string_view word);
 };
 

@@ -11,6 +11,7 @@ enum PassportType : int32_t {
   PASSPORT_NONE = 0,
   PASSPORT_TCP = 1,
   PASSPORT_UDP = 2,
+  PASSPORT_SSL = 3,  // TCP carrying TLS records
 };
 
 }  // namespace TAVIX

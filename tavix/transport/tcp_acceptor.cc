@@ -58,7 +58,7 @@ int32_t TcpAcceptor::Close() {
 }
 
 int32_t TcpAcceptor::Accept(SmartPtr<ITransceiver>& holder, uint32_t timeoutMs) {
-  if (holder && holder->Type() != PASSPORT_TCP) {
+  if (holder && holder->Type() != Type()) {
     holder->Close();
     holder = nullptr;
   }
@@ -73,9 +73,16 @@ int32_t TcpAcceptor::Accept(SmartPtr<ITransceiver>& holder, uint32_t timeoutMs) 
     return -1;
   }
   peer.SetLength(length);
-  TcpTransceiver::AttachToHolder(holder, std::move(accepted), peer.Unmapped());
+  SmartPtr<TcpTransceiver> transceiver = SmartPtr<TcpTransceiver>::DynamicCast(holder);
+  if (!transceiver) {
+    transceiver = NewTransceiver();
+    holder = transceiver;
+  }
+  transceiver->Attach(std::move(accepted), peer.Unmapped());
   return 0;
 }
+
+SmartPtr<TcpTransceiver> TcpAcceptor::NewTransceiver() const { return MakeShared<TcpTransceiver>(); }
 
 int32_t TcpAcceptor::Interrupt() {
   platform::SocketAddress target = m_address;

@@ -6,6 +6,7 @@
 
 #include "tavix/platform/socket_address.h"
 #include "tavix/transport/acceptor.h"
+#include "tavix/transport/tcp_transceiver.h"
 #include "tavix/transport/transceiver.h"
 
 namespace TAVIX {
@@ -43,6 +44,11 @@ class TcpAcceptor : public IAcceptor, public SockWrapper {
   int32_t Interrupt() override;
   int32_t Extension1(int32_t value) override { return value; }
   int32_t Extension2(int32_t value) override { return value; }
+
+ protected:
+  // The transceiver an accepted socket goes into when the holder brings
+  // none of this kind.
+  virtual SmartPtr<TcpTransceiver> NewTransceiver() const;
 
  private:
   // Closes without disturbing the error that made the caller give up.

@@ -43,15 +43,18 @@ void TcpTransceiver::AttachToHolder(SmartPtr<ITransceiver>& holder, platform::So
 void TcpTransceiver::Attach(platform::Socket socket, const platform::SocketAddress& peer) {
   Close();
   SetPeer(WiddenString(peer.HostText()), peer.Port());
-  ScopedLock guard(m_lock);
-  m_socket = std::move(socket);
-  // Nothing of an earlier socket may be read from this one.
-  m_aheadBegin = 0;
-  m_aheadEnd = 0;
-  m_stallTimeoutMs.store(0);
-  m_messageTimeoutMs.store(0);
-  m_socketTimeoutMs.store(0);
-  ApplyTcpOptionsLocked();
+  {
+    ScopedLock guard(m_lock);
+    m_socket = std::move(socket);
+    // Nothing of an earlier socket may be read from this one.
+    m_aheadBegin = 0;
+    m_aheadEnd = 0;
+    m_stallTimeoutMs.store(0);
+    m_messageTimeoutMs.store(0);
+    m_socketTimeoutMs.store(0);
+    ApplyTcpOptionsLocked();
+  }
+  Attached();
 }
 
 void TcpTransceiver::ApplyTcpOptionsLocked() {
@@ -96,7 +99,7 @@ int32_t TcpTransceiver::FillAhead(const platform::SocketView& socket) {
   if (!m_ahead) m_ahead = std::make_unique<uint8_t[]>(kReadAhead);
   m_aheadBegin = 0;
   m_aheadEnd = 0;
-  const int32_t count = socket.Recv(m_ahead.get(), kReadAhead);
+  const int32_t count = StreamRecv(socket, m_ahead.get(), kReadAhead);
   if (count > 0) m_aheadEnd = count;
   return count;
 }
@@ -121,7 +124,7 @@ int32_t TcpTransceiver::Recv(void* buffer, int32_t length) {
   if (!ApplyReceiveTimeout(pin.Socket(), m_messageTimeoutMs.load(std::memory_order_relaxed))) {
     return -1;
   }
-  const int32_t count = pin.Socket().Recv(buffer, length);
+  const int32_t count = StreamRecv(pin.Socket(), buffer, length);
   if (count >= 0) return count;
   return ReceiveFailure();
 }
@@ -156,7 +159,7 @@ int32_t TcpTransceiver::RecvnPinned(const platform::SocketView& socket, void* bu
       count = FillAhead(socket);
       if (count > 0) count = TakeAhead(next, left);
     } else {
-      count = socket.Recv(next, left);
+      count = StreamRecv(socket, next, left);
     }
     if (count == 0) return 0;
     if (count < 0) return ReceiveFailure();
@@ -211,7 +214,7 @@ int32_t TcpTransceiver::SendPinned(const platform::SocketView& socket, const voi
   int32_t left = length;
   int32_t chunk = length;
   while (left > 0) {
-    const int32_t count = socket.Send(next, std::min(chunk, left));
+    const int32_t count = StreamSend(socket, next, std::min(chunk, left));
     if (count > 0) {
       next += count;
       left -= count;
@@ -246,7 +249,7 @@ int32_t TcpTransceiver::SendPair(const void* first, int32_t firstLength, const v
   platform::ConstBytes pieces[2] = {{first, firstLength}, {second, secondLength}};
   int32_t index = firstLength > 0 ? 0 : 1;
   while (index < 2) {
-    const int32_t count = pin.Socket().SendGather(pieces + index, 2 - index);
+    const int32_t count = StreamSendGather(pin.Socket(), pieces + index, 2 - index);
     if (count > 0) {
       // Skips what went out; a piece sent in part keeps its tail.
       int32_t sent = count;
@@ -275,6 +278,19 @@ int32_t TcpTransceiver::SendPair(const void* first, int32_t firstLength, const v
     return -1;
   }
   return firstLength + secondLength;
+}
+
+int32_t TcpTransceiver::StreamRecv(const platform::SocketView& socket, void* buffer, int32_t length) {
+  return socket.Recv(buffer, length);
+}
+
+int32_t TcpTransceiver::StreamSend(const platform::SocketView& socket, const void* buffer, int32_t length) {
+  return socket.Send(buffer, length);
+}
+
+int32_t TcpTransceiver::StreamSendGather(const platform::SocketView& socket, const platform::ConstBytes* pieces,
+                                         int32_t count) {
+  return socket.SendGather(pieces, count);
 }
 
 bool TcpTransceiver::GetPeer(std::u16string& address, uint16_t& port) const {

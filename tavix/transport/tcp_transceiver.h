@@ -76,6 +76,18 @@ class TcpTransceiver : public SocketTransceiver {
   // Waits until the socket takes data; results as WaitForRecv.
   int32_t WaitForSend(uint32_t timeoutMs);
 
+ protected:
+  // The byte stream under the message framing, with the socket's results
+  // (a count, 0 at the end of the stream, -1 with the last error set):
+  // plain socket calls here; a secure transceiver puts its records in
+  // between. A send takes all it is given unless it fails.
+  virtual int32_t StreamRecv(const platform::SocketView& socket, void* buffer, int32_t length);
+  virtual int32_t StreamSend(const platform::SocketView& socket, const void* buffer, int32_t length);
+  virtual int32_t StreamSendGather(const platform::SocketView& socket, const platform::ConstBytes* pieces,
+                                   int32_t count);
+  // Runs after Attach took a new socket, before any byte moves on it.
+  virtual void Attached() {}
+
  private:
   void ApplyTcpOptionsLocked();
   int32_t RecvnPinned(const platform::SocketView& socket, void* buffer, int32_t length);

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 
+#include "tavix/core/peer_identity.h"
 #include "tavix/core/shared.h"
 #include "tavix/transport/passport_type.h"
 #include "tavix/platform/socket.h"
@@ -59,6 +60,12 @@ class ITransceiver : public virtual Shared {
   // stream, and refuses later receives; sends still go out. Nothing when
   // closed.
   virtual void ShutdownReceive() {}
+  // Brings up what the stream needs before its first message (the TLS
+  // handshake); 0, or -2 with the code as the last error and the reason in
+  // `failure`. Nothing to do by default.
+  virtual int32_t Establish(std::string& /*failure*/) { return 0; }
+  // The other end's verified identity, null when it has none.
+  virtual const PeerIdentity* GetPeerIdentity() const { return nullptr; }
   // Whether the other end is known, without waiting, to have closed or
   // reset the connection. False when the transceiver cannot tell.
   virtual bool PeerHasLeft() { return false; }
