@@ -90,7 +90,7 @@ void TcpConnectionFactory::WaitUntilDestroy(uint64_t deadlineTick) {
 
 void TcpConnectionFactory::EstablishFailed(const std::u16string& peer, uint32_t code, const std::string& reason) {
   if (int32_t held = 0; m_handshakeFailures.Admit(held)) {
-    TraceLog::Write(u"ERROR: TLS handshake with %s failed: 0x%08X %hs (%d more since the last line).\n", peer, code,
+    TraceLog::Write(u"ERROR: TLS handshake with client %s failed: 0x%08X %hs (%d more since the last line).\n", peer, code,
                     reason.c_str(), held);
   }
 }

@@ -44,7 +44,7 @@ class TcpConnectionFactory : public IConnectionFactory {
   // Queues a non-empty connection for reaping and passes the reason to the
   // adapter's disconnect notification. Always true.
   bool ConnectionClosed(const SmartPtr<Connection>& connection, TavixDisconnectReason reason) override;
-  // One line per burst: "ERROR: TLS handshake with <peer> failed: <reason>
+  // One line per burst: "ERROR: TLS handshake with client <peer> failed: <reason>
   // (N more since the last line)."
   void EstablishFailed(const std::u16string& peer, uint32_t code, const std::string& reason) override;
   // Waits for every live connection, then stops the accept thread. Callers

@@ -156,7 +156,7 @@ uint32_t ProxyObject::ConnectTo(const IPassport& passport, const platform::Socke
   if (std::string failure; transceiver->Establish(failure) != 0) {
     const uint32_t e = LastErrorOr(Err::TlsHandshakeFailed);
     std::u16string endpoint;
-    TraceLog::Write(u"ERROR: TLS handshake with %s failed: %hs.\n", passport.toString(endpoint), failure.c_str());
+    TraceLog::Write(u"ERROR: TLS handshake with server %s failed: %hs.\n", passport.toString(endpoint), failure.c_str());
     transceiver->Close();
     m_connection->SetState(Connection::StateClosed);
     return e;

@@ -336,6 +336,15 @@ class LogLines {
         },
         timeoutMs);
   }
+  // The new lines that contain `part`, read now.
+  std::vector<std::u16string> Containing(const std::u16string& part) const {
+    const std::vector<std::u16string> all = Read();
+    std::vector<std::u16string> found;
+    for (size_t i = all.size() < m_skip ? 0 : m_skip; i < all.size(); ++i) {
+      if (all[i].find(part) != std::u16string::npos) found.push_back(all[i]);
+    }
+    return found;
+  }
 
  private:
   static std::vector<std::u16string> Read() {

@@ -2,6 +2,7 @@
 
 #include <openssl/err.h>
 #include <openssl/ssl.h>
+#include <openssl/x509.h>
 
 #include <cstring>
 
@@ -56,7 +57,9 @@ uint32_t LoadIdentity(SSL_CTX* ctx, const TlsSettings& settings, TlsContext::Rol
     return Refuse(Err::TlsCertificateUnreadable);
   }
   if (!key || SSL_CTX_use_PrivateKey_file(ctx, settings.privateKeyFile.c_str(), SSL_FILETYPE_PEM) != 1) {
-    return Refuse(Err::TlsKeyUnreadable);
+    // Loading checks the key against the certificate already.
+    const bool mismatch = key && ERR_GET_REASON(ERR_peek_last_error()) == X509_R_KEY_VALUES_MISMATCH;
+    return Refuse(mismatch ? Err::TlsKeyMismatch : Err::TlsKeyUnreadable);
   }
   if (SSL_CTX_check_private_key(ctx) != 1) return Refuse(Err::TlsKeyMismatch);
   return 0;
