@@ -10,6 +10,7 @@
 #include "tavix/core/errors.h"
 #include "tavix/core/text.h"
 #include "tavix/runtime/communicator.h"
+#include "tavix/transport/tls_settings.h"
 #include "tools/echo_proxy.h"
 
 namespace TAVIX::tools {
@@ -17,7 +18,9 @@ namespace TAVIX::tools {
 const char* const kClientUsage =
     "       tavix ping <proxy-string> [--count N] [--oneway] [--timeout MS]\n"
     "       tavix call <proxy-string> echo <text> | isa <type-id> | fail <status> | fault <kind>\n"
-    "                  [--timeout MS] [--status-text CODE=TEXT]... [--repeat N]\n"
+    "                  | peer-identity [--timeout MS] [--status-text CODE=TEXT]... [--repeat N]\n"
+    "       both take --tls-ca F [--tls-cert F --tls-key F] for ssl proxies: the CAs the server's\n"
+    "                  certificate must come from, and this client's certificate\n"
     "  <proxy-string>  \"object-id:endpoint\" as serve prints it, e.g. \"Echo:tcp -h host -p 5678 -t 0\"\n"
     "  --count         number of pings (default 1)\n"
     "  --oneway        send one-way pings (the time is the sending time)\n"
@@ -93,6 +96,8 @@ struct ClientArgs {
   bool repeat = false;
   bool oneway = false;
   int32_t timeoutMs = -1;  // -1: as the proxy string says
+  TlsSettings tls;         // for ssl proxies
+  bool useTls = false;
 };
 
 // Null, with the message already printed, when the arguments are unusable.
@@ -103,6 +108,11 @@ const char* ParseArgs(int argc, char** argv, bool pingOptions, ClientArgs& args)
       if (i + 1 >= argc || !RegisterStatusOption(argv[++i])) {
         return "--status-text needs CODE=TEXT with a code from 0x40000000 to 0x4FFFFFFF";
       }
+    } else if (arg == "--tls-ca" || arg == "--tls-cert" || arg == "--tls-key") {
+      if (i + 1 >= argc) return "--tls-ca, --tls-cert and --tls-key need a file";
+      (arg == "--tls-ca" ? args.tls.trustedCaFile
+                         : arg == "--tls-cert" ? args.tls.certificateChainFile : args.tls.privateKeyFile) = argv[++i];
+      args.useTls = true;
     } else if (arg == "--timeout") {
       if (i + 1 >= argc || !ParseCount(argv[++i], 0, args.timeoutMs)) return "--timeout needs milliseconds";
     } else if (!pingOptions && arg == "--repeat") {
@@ -129,6 +139,12 @@ template <class Body>
 int WithProxy(const char* command, const ClientArgs& args, Body body) {
   SmartPtr<Communicator> communicator = Initialize(u"tavix");
   int status = 0;
+  if (args.useTls) {
+    if (const uint32_t r = communicator->SetTlsSettings(args.tls); r != 0) {
+      communicator->Destroy();
+      return Failure(command, "cannot use the TLS settings", r);
+    }
+  }
   {
     SmartPtr<EchoPrx> proxy = CreateProxy<EchoPrx>(communicator, args.proxyString);
     if (!proxy) {
@@ -192,14 +208,23 @@ int Call(int argc, char** argv) {
   const bool fault = verb == "fault", fail = verb == "fail";
   int32_t kind = 0;
   uint32_t status = 0;
-  if (args.words.size() != 2 || (verb != "echo" && verb != "isa" && !fault && !fail)) {
-    return Usage("call", "expected: echo <text>, isa <type-id>, fail <status> or fault <kind>");
+  const bool identity = verb == "peer-identity" && args.words.size() == 1;
+  if (!identity && (args.words.size() != 2 || (verb != "echo" && verb != "isa" && !fault && !fail))) {
+    return Usage("call", "expected: echo <text>, isa <type-id>, fail <status>, fault <kind> or peer-identity");
   }
   if (fault && !ParseCount(args.words[1], 0, kind)) return Usage("call", "fault needs a kind from 1 to 4");
   if (fail && !ParseStatus(args.words[1], status)) return Usage("call", "fail needs a 32-bit status");
   if (args.repeat && verb != "echo") return Usage("call", "--repeat goes with echo only");
-  const std::u16string argument = WiddenString(args.words[1]);
+  const std::u16string argument = identity ? std::u16string() : WiddenString(args.words[1]);
   if (args.repeat) return WithProxy("call", args, [&](EchoPrx& proxy) { return RepeatEcho(proxy, args); });
+  if (identity) {
+    return WithProxy("call", args, [&](EchoPrx& proxy) {
+      std::u16string subject;
+      if (const uint32_t r = proxy.PeerIdentity(subject); r != 0) return Failure("call", "PeerIdentity failed", r);
+      std::printf("%s\n", NarrowString(subject).c_str());
+      return 0;
+    });
+  }
 
   return WithProxy("call", args, [&](EchoPrx& proxy) {
     if (fault || fail) {

@@ -19,6 +19,8 @@ using Fail = Operation<u"Fail", In<int32_t>>;
 // pointer, 2 divides an integer by zero, 3 overflows the stack, 4 aborts.
 using Fault = Operation<u"Fault", In<int32_t>>;
 using Sleep = Operation<u"Sleep", In<int32_t>>;
+// The calling client's certificate subject (RFC 2253); empty without one.
+using PeerIdentity = Operation<u"PeerIdentity", In<>, Out<std::u16string>>;
 // Every object answers "ObjectPing"; sent one-way it only proves delivery.
 using OneWayPing = OneWayOperation<u"ObjectPing">;
 

@@ -29,6 +29,7 @@ class EchoPrx : public ProxyObject {
   uint32_t Sleep(int32_t milliseconds) { return Invoke<echo_ops::Sleep>(*this, milliseconds); }
   uint32_t Fault(int32_t kind) { return Invoke<echo_ops::Fault>(*this, kind); }
   uint32_t OneWayPing() { return Invoke<echo_ops::OneWayPing>(*this); }
+  uint32_t PeerIdentity(std::u16string& subject) { return Invoke<echo_ops::PeerIdentity>(*this, subject); }
 
   void GetObjectIds(std::vector<std::u16string>& ids) override {
     ProxyObject::GetObjectIds(ids);

@@ -28,6 +28,11 @@ uint32_t EchoServant::Sleep(int32_t milliseconds, const Context& /*ctx*/) {
 
 uint32_t EchoServant::Fault(int32_t kind, const Context& /*ctx*/) { return echo_faults::Cause(kind); }
 
+uint32_t EchoServant::PeerIdentity(std::u16string& subject, const Context& ctx) {
+  subject = ctx.peerIdentity != nullptr ? ctx.peerIdentity->subject : std::u16string();
+  return 0;
+}
+
 void EchoServant::Dispatch(ObjectHelper& request) {
   m_requests.fetch_add(1);
   if (m_allowFaults && ServantTable<EchoServant, Entry<echo_ops::Fault, &EchoServant::Fault>>::TryDispatch(*this, request)) {
@@ -36,7 +41,8 @@ void EchoServant::Dispatch(ObjectHelper& request) {
   // Sorted by name; "ObjectIsA", "ObjectPing" and unknown names go to the base.
   ServantTable<EchoServant, Entry<echo_ops::Echo, &EchoServant::Echo>,
                Entry<echo_ops::EchoBlob, &EchoServant::EchoBlob>, Entry<echo_ops::Fail, &EchoServant::Fail>,
-               Entry<echo_ops::Sleep, &EchoServant::Sleep>>::Dispatch(*this, request);
+               Entry<echo_ops::Sleep, &EchoServant::Sleep>,
+               Entry<echo_ops::PeerIdentity, &EchoServant::PeerIdentity>>::Dispatch(*this, request);
 }
 
 void EchoServant::GetObjectIds(std::vector<std::u16string>& ids) {

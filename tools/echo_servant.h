@@ -35,6 +35,8 @@ class EchoServant : public Object {
   // "Fault": faults in the way `kind` names (echo_ops::Fault); any other
   // kind returns 0x20000404 (illegal size: out of range).
   virtual uint32_t Fault(int32_t kind, const Context& ctx);
+  // "PeerIdentity": the caller's certificate subject, empty without one.
+  virtual uint32_t PeerIdentity(std::u16string& subject, const Context& ctx);
 
   void Dispatch(ObjectHelper& request) override;
   void GetObjectIds(std::vector<std::u16string>& ids) override;

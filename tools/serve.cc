@@ -38,6 +38,13 @@ int Serve(const ServeOptions& options) {
     return 1;
   }
   adapter->SetLimits(options.limits);
+  if (options.useTls) {
+    if (const uint32_t r = adapter->SetTlsSettings(options.tls); r != 0) {
+      ReportFailure("cannot use the TLS settings", r);
+      communicator->Destroy();
+      return 1;
+    }
+  }
   // Active before the endpoints come, so that each one is opened at once
   // and a port that cannot be listened on fails here.
   adapter->Activate();
@@ -59,9 +66,16 @@ int Serve(const ServeOptions& options) {
   if (proxies.size() > 1 && adapter->GetProxyStringOfAll(options.name, all)) std::printf("%s\n", all.c_str());
   std::fflush(stdout);
 
-  if (platform::WaitForTerminationSignal() < 0) {
-    ReportFailure("cannot wait for a termination signal", TavixGetLastError());
+  int32_t signal = 0;
+  while ((signal = platform::WaitForTerminationOrReload()) == platform::kReloadSignal) {
+    if (const uint32_t r = adapter->ReloadTls(); r != 0) {
+      ReportFailure("TLS reload failed, the settings in use stay", r);
+    } else {
+      std::printf("TLS settings reloaded\n");
+      std::fflush(stdout);
+    }
   }
+  if (signal < 0) ReportFailure("cannot wait for a termination signal", TavixGetLastError());
   communicator->Destroy();
   std::printf("requests: %s\n", std::to_string(echo->Requests()).c_str());
   return 0;

@@ -9,6 +9,7 @@
 
 #include "tavix/invoke/object_host.h"
 #include "tavix/runtime/communicator.h"
+#include "tavix/transport/tls_settings.h"
 
 namespace TAVIX::tools {
 
@@ -18,6 +19,9 @@ struct ServeOptions {
   bool allowFaults = false;  // the Echo object also answers "Fault"
   ConnectionLimits limits;
   uint32_t graceMs = Communicator::kDefaultGracePeriodMs;
+  // For ssl endpoints; SIGHUP reads the files again.
+  TlsSettings tls;
+  bool useTls = false;
 };
 
 // Exit status: 0 after an orderly shutdown, 1 when an endpoint could not be

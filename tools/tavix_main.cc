@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "tavix/platform/signals.h"
 #include "tools/client_commands.h"
@@ -17,13 +18,19 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: tavix serve [--endpoint \"<endpoint string>\"]... [--name <object-id>] [--allow-faults]\n"
-    "  --endpoint      an endpoint to listen on (default \"tcp -h #any -p 5678\"), TCP or UDP; may repeat;\n"
+    "  --endpoint      an endpoint to listen on (default \"tcp -h #any -p 5678\"), tcp, udp or ssl; may repeat;\n"
     "                  -p 0 lets the system pick the port, which the printed proxy string names\n"
     "  --name          the Echo object's id (default \"Echo\")\n"
     "  --allow-faults  the Echo object also answers \"Fault\" (see tavix call ... fault)\n"
     "  --max-connections N  live TCP clients at most (default 10000); more are closed at once\n"
     "  --body-timeout MS    silence allowed inside a request (default 60000; 0 = no limit)\n"
     "  --grace MS           how long shutdown waits for running requests (default 10000)\n"
+    "  --tls-cert F --tls-key F  this server's certificate chain and key (PEM), for ssl endpoints\n"
+    "  --tls-ca F           the CAs client certificates must come from\n"
+    "  --tls-client-certs none|request|require  (default none)\n"
+    "  --handshake-timeout MS  a TLS handshake ends by then (default 10000)\n"
+    "  --kernel-tls         let the kernel encrypt records where it can\n"
+    "  SIGHUP reads the TLS files again (\"TLS settings reloaded\").\n"
     "  Prints the proxy strings, serves until SIGINT or SIGTERM, then prints\n"
     "  \"requests: N\", the requests the Echo object received.\n";
 
@@ -61,6 +68,20 @@ bool ParseCount(const std::string& text, T& out) {
   return !std::is_signed_v<T> || out >= 0;
 }
 
+bool ParseClientCertificates(const std::string& text, TAVIX::ClientCertificates& out) {
+  using TAVIX::ClientCertificates;
+  static constexpr std::pair<std::string_view, ClientCertificates> kModes[] = {
+      {"none", ClientCertificates::kNone}, {"request", ClientCertificates::kRequest},
+      {"require", ClientCertificates::kRequire}};
+  for (const auto& [name, mode] : kModes) {
+    if (text == name) {
+      out = mode;
+      return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -87,6 +108,28 @@ int main(int argc, char** argv) {
       if (missing || !ParseCount(value, options.limits.bodyTimeoutMs)) return Usage("--body-timeout needs milliseconds");
     } else if (OptionValue(argc, argv, i, "--grace", value, missing)) {
       if (missing || !ParseCount(value, options.graceMs)) return Usage("--grace needs milliseconds");
+    } else if (OptionValue(argc, argv, i, "--tls-cert", value, missing)) {
+      if (missing) return Usage("--tls-cert needs a file");
+      options.tls.certificateChainFile = value;
+      options.useTls = true;
+    } else if (OptionValue(argc, argv, i, "--tls-key", value, missing)) {
+      if (missing) return Usage("--tls-key needs a file");
+      options.tls.privateKeyFile = value;
+      options.useTls = true;
+    } else if (OptionValue(argc, argv, i, "--tls-ca", value, missing)) {
+      if (missing) return Usage("--tls-ca needs a file");
+      options.tls.trustedCaFile = value;
+      options.useTls = true;
+    } else if (OptionValue(argc, argv, i, "--tls-client-certs", value, missing)) {
+      if (!ParseClientCertificates(value, options.tls.clientCertificates)) {
+        return Usage("--tls-client-certs needs none, request or require");
+      }
+    } else if (OptionValue(argc, argv, i, "--handshake-timeout", value, missing)) {
+      if (missing || !ParseCount(value, options.tls.handshakeTimeoutMs)) {
+        return Usage("--handshake-timeout needs milliseconds");
+      }
+    } else if (std::strcmp(argv[i], "--kernel-tls") == 0) {
+      options.tls.kernelTls = true;
     } else {
       return Usage("unknown option");
     }

@@ -10,28 +10,18 @@
 namespace TAVIX::platform {
 namespace {
 
-sigset_t TerminationSignals() {
+static_assert(SIGHUP == kReloadSignal);
+
+sigset_t TerminationSignals(bool withReload = false) {
   sigset_t set;
   sigemptyset(&set);
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGTERM);
+  if (withReload) sigaddset(&set, SIGHUP);
   return set;
 }
 
-}  // namespace
-
-bool BlockTerminationSignals() {
-  const sigset_t set = TerminationSignals();
-  const int rc = pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  if (rc != 0) {
-    SetLastError(static_cast<uint32_t>(rc));
-    return false;
-  }
-  return true;
-}
-
-int32_t WaitForTerminationSignal() {
-  const sigset_t set = TerminationSignals();
+int32_t WaitFor(const sigset_t& set) {
   int signal = 0;
   const int rc = sigwait(&set, &signal);
   if (rc != 0) {
@@ -40,5 +30,21 @@ int32_t WaitForTerminationSignal() {
   }
   return signal;
 }
+
+}  // namespace
+
+bool BlockTerminationSignals() {
+  const sigset_t set = TerminationSignals(true);
+  const int rc = pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  if (rc != 0) {
+    SetLastError(static_cast<uint32_t>(rc));
+    return false;
+  }
+  return true;
+}
+
+int32_t WaitForTerminationSignal() { return WaitFor(TerminationSignals()); }
+
+int32_t WaitForTerminationOrReload() { return WaitFor(TerminationSignals(true)); }
 
 }  // namespace TAVIX::platform

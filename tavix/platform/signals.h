@@ -9,12 +9,15 @@
 
 namespace TAVIX::platform {
 
-// Blocks SIGINT and SIGTERM in the calling thread; false (last error set)
-// on failure.
+// Blocks SIGINT and SIGTERM (and SIGHUP, the usual "reload" request) in
+// the calling thread; false (last error set) on failure.
 bool BlockTerminationSignals();
 // Waits until SIGINT or SIGTERM is pending and takes it; returns its
 // number, or -1 (last error set) on failure.
 int32_t WaitForTerminationSignal();
+// As WaitForTerminationSignal, but SIGHUP also ends the wait (kReloadSignal).
+int32_t WaitForTerminationOrReload();
+inline constexpr int32_t kReloadSignal = 1;
 
 }  // namespace TAVIX::platform
 

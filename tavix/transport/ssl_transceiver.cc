@@ -88,6 +88,7 @@ void SslTransceiver::Attached() {
   ScopedLock guard(m_engineLock);
   FreeEngine();
   m_established = false;
+  m_readAny = false;
   m_identity = PeerIdentity{};
   if (!m_context) return;
   m_ssl = SSL_new(m_context->Native());
@@ -250,11 +251,16 @@ int32_t SslTransceiver::StreamRecv(const platform::SocketView& socket, void* buf
       result = SSL_read(m_ssl, buffer, length);
       if (result <= 0) error = SSL_get_error(m_ssl, result);
     }
-    if (result > 0) return result;
+    if (result > 0) {
+      m_readAny = true;
+      return result;
+    }
     if (error == SSL_ERROR_ZERO_RETURN) return 0;
     if (error != SSL_ERROR_WANT_READ) {
       ERR_clear_error();
-      TavixSetLastError(Err::TlsStreamError);
+      // A TLS 1.3 server checks the client's certificate after the client
+      // is done: its refusal arrives with the first read.
+      TavixSetLastError(m_readAny ? Err::TlsStreamError : Err::TlsHandshakeFailed);
       return -1;
     }
     const int32_t fed = Feed(socket);

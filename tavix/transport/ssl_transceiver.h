@@ -85,6 +85,8 @@ class SslTransceiver : public TcpTransceiver {
   // Written once by Establish, before any message moves; read-only after.
   PeerIdentity m_identity;
   bool m_established = false;
+  // Whether any plain byte came in yet; only the reader touches it.
+  bool m_readAny = false;
   // The reader's receive block, and the sender's outgoing records.
   std::unique_ptr<uint8_t[]> m_records;
   std::vector<uint8_t> m_outgoing;
