@@ -268,5 +268,36 @@ TEST_F(ClientCommandsTest, FailuresPrintTheirCodeAndExitOneOrTwo) {
   }
 }
 
+// `tavix serve` on an ssl endpoint that requires client certificates: a client with one is served and its subject
+// comes back from peer-identity; a client without one is refused with its code; SIGHUP reloads the files.
+TEST(TavixServe, ServesSslWithClientCertificatesAndReloadsOnSighup) {
+  const std::filesystem::path certs =
+      std::filesystem::temp_directory_path() / ("tavix-tool-tls-" + std::to_string(getpid()));
+  ASSERT_EQ(0, std::system(("bash " TAVIX_SOURCE_DIR "/tests/tls/make_certs.sh " + certs.string()).c_str()));
+  const auto file = [&](const char* name) { return (certs / name).string(); };
+  ToolProcess server("serve --endpoint 'ssl -h 127.0.0.1 -p 0' --tls-cert " + file("server.pem") + " --tls-key " +
+                     file("server.key") + " --tls-ca " + file("ca.pem") + " --tls-client-certs require");
+  const std::string printed = server.Line();
+  ASSERT_EQ(0u, printed.rfind("Echo:ssl -h 127.0.0.1 -p ", 0)) << printed;
+  const std::string proxy = "'Echo:ssl -h 127.0.0.1 -p " + std::to_string(PortOf(printed)) + " -t 3000'";
+  const std::string trust = " --tls-ca " + file("ca.pem");
+  const ToolRun alice =
+      Tool("call " + proxy + " peer-identity" + trust + " --tls-cert " + file("client.pem") + " --tls-key " + file("client.key"));
+  EXPECT_EQ(0, alice.status);
+  EXPECT_EQ("O=Example Clients,CN=alice\n", alice.output);
+  const ToolRun nobody = Tool("call " + proxy + " peer-identity" + trust);
+  EXPECT_EQ(1, nobody.status);
+  EXPECT_TRUE(nobody.Has("0x2000040F TLS handshake failed.")) << nobody.output;
+  const ToolRun noTrust = Tool("ping " + proxy + " --tls-ca " + file("other-ca.pem"));
+  EXPECT_EQ(1, noTrust.status) << "the server's certificate is not from a trusted CA";
+  server.Signal(SIGHUP);
+  EXPECT_EQ("TLS settings reloaded", server.Line());
+  server.Signal(SIGTERM);
+  std::string rest;
+  EXPECT_EQ(0, server.Wait(&rest));
+  EXPECT_EQ("requests: 1\n", rest);
+  std::filesystem::remove_all(certs);
+}
+
 }  // namespace
 }  // namespace TAVIX
