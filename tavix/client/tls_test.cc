@@ -1,6 +1,7 @@
 // The secure transport end to end: certificates made fresh for the run (two CAs; good, expired, wrong-name and
 // foreign certificates), servers and proxies of this process speaking TLS 1.3, and other clients (the openssl
 // command, raw sockets) that must be refused one connection at a time while the server goes on serving.
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -307,6 +308,31 @@ TEST_F(TlsTest, SettingsReloadAndEndpointRules) {
   EXPECT_EQ(0u, open->Call<WhoOp>(who, fingerprint)) << "an open connection keeps its own";
   std::filesystem::copy_file(Cert("saved.pem"), Cert("server.pem"), std::filesystem::copy_options::overwrite_existing);
   communicator->Destroy();
+}
+
+// Reloads while clients keep connecting: every new connection gets one whole context, old or new, and every call
+// succeeds.
+TEST_F(TlsTest, ReloadsUnderLoadServeEveryConnection) {
+  SecureServer server(Settings("server"));
+  std::atomic<bool> stop{false};
+  std::atomic<int> calls{0}, failures{0};
+  std::vector<std::thread> clients;
+  for (int t = 0; t < 3; ++t) {
+    clients.emplace_back([&] {
+      SecureClient client(Settings("client"));
+      while (!stop.load()) {
+        (client.Who(server.Proxy()) == 0 ? calls : failures).fetch_add(1);
+      }
+    });
+  }
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(0u, server.adapter->ReloadTls());
+    std::this_thread::sleep_for(milliseconds(10));
+  }
+  stop.store(true);
+  for (std::thread& t : clients) t.join();
+  EXPECT_EQ(0, failures.load());
+  EXPECT_GT(calls.load(), 20);
 }
 
 }  // namespace
