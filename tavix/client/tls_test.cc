@@ -243,7 +243,7 @@ TEST_F(TlsTest, BytesThatAreNoTlsFailFast) {
 // Clients that never finish their handshake are cut at the deadline, reported in bursts, while others are served.
 TEST_F(TlsTest, SilentClientsAreCutAtTheHandshakeDeadline) {
   TlsSettings settings = Settings("server");
-  settings.handshakeTimeoutMs = 500;
+  settings.handshakeTimeoutMs = 1500;
   SecureServer server(settings);
   const LogLines log;
   std::vector<RawClient> silent(50);
@@ -251,10 +251,10 @@ TEST_F(TlsTest, SilentClientsAreCutAtTheHandshakeDeadline) {
   SecureClient good(Settings(""));
   const auto start = steady_clock::now();
   EXPECT_EQ(0u, good.Who(server.Proxy()));
-  EXPECT_LT(steady_clock::now() - start, milliseconds(400)) << "served while 50 handshakes wait";
+  EXPECT_LT(steady_clock::now() - start, milliseconds(1000)) << "served while 50 handshakes wait";
   for (RawClient& c : silent) EXPECT_TRUE(c.Receive(1).empty());
-  EXPECT_GE(steady_clock::now() - start, milliseconds(450));
-  const std::vector<std::u16string> lines = log.Containing(u"no complete handshake within 500 ms");
+  EXPECT_GE(steady_clock::now() - start, milliseconds(1400));
+  const std::vector<std::u16string> lines = log.Containing(u"no complete handshake within 1500 ms");
   EXPECT_GE(lines.size(), 1u);
   EXPECT_LE(lines.size(), 3u) << "a flood is written in bursts";
 }
