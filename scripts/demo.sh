@@ -130,6 +130,21 @@ echo "the first 40 lines of its exception report ($workdir/tavix.RPT):"
 iconv -f UTF-16 -t UTF-8 "$workdir/tavix.RPT" | tr -d '\r' | sed -n '1,40p' | sed 's/^/  /'
 stop_servers
 
+step "TLS: an ssl endpoint that requires client certificates (made now with openssl)"
+certs="$workdir/certs"
+bash "$(dirname "$0")/../tests/tls/make_certs.sh" "$certs"
+start_server "$workdir/tls.log" "$build/tools/tavix" serve --endpoint "ssl -h 127.0.0.1 -p 0" \
+  --tls-cert "$certs/server.pem" --tls-key "$certs/server.key" --tls-ca "$certs/ca.pem" --tls-client-certs require
+secure="$(head -n 1 "$workdir/tls.log" | sed 's/-t 0$/-t 3000/')"
+echo "a client with a certificate from the trusted CA; the servant sees its subject:"
+show "$build/tools/tavix" call "$secure" peer-identity --tls-ca "$certs/ca.pem" \
+  --tls-cert "$certs/client.pem" --tls-key "$certs/client.key"
+echo "a client without a certificate is refused:"
+show "$build/tools/tavix" call "$secure" peer-identity --tls-ca "$certs/ca.pem" || true
+echo "the server's log names the refused client and why:"
+iconv -f UTF-16 -t UTF-8 "$build/tools/tavix_tavix.log" | grep -a "TLS handshake with client" | tail -n 1 | sed 's/^/  /'
+stop_servers
+
 step "the examples: kv_server on a port the system picks, kv_client against it"
 start_server "$workdir/example.log" "$build/examples/kv_server"
 show "$build/examples/kv_client" "$(head -n 1 "$workdir/example.log") -t 5000"

@@ -9,6 +9,7 @@
 #include "tavix/client/proxy_object.h"
 #include "tavix/client/typed_call.h"
 #include "tavix/core/errors.h"
+#include "tavix/core/peer_identity.h"
 #include "tavix/core/shared.h"
 #include "tavix/core/text.h"
 #include "tavix/diag/log_folder.h"
@@ -19,5 +20,6 @@
 #include "tavix/marshal/blob_bytes.h"
 #include "tavix/marshal/codec.h"
 #include "tavix/runtime/communicator.h"
+#include "tavix/transport/tls_settings.h"
 
 #endif  // TAVIX_TAVIX_H_
