@@ -128,19 +128,7 @@ BENCHMARK(BM_RawPairCalls)->Threads(8)->Threads(64)->UseRealTime()->MinTime(1.0)
 
 void BM_TavixEchoBlob8MiB(benchmark::State& state) {
   const BenchProxy proxy(state, *g_bench);
-  if (!proxy) return;
-  SmartPtr<ITavixBlob> blob = CreateTavixMemBlob();
-  std::vector<uint8_t> content(kBlobBytes, 0xC3);
-  blob->Write(content.data(), kBlobBytes, 0);
-  // A memory blob given as the result is refilled in memory.
-  SmartPtr<ITavixBlob> result = CreateTavixMemBlob();
-  for (auto _ : state) {
-    if (proxy->EchoBlob(blob, result) != 0 || result->Size() != static_cast<uint64_t>(kBlobBytes)) {
-      state.SkipWithError("EchoBlob failed");
-      break;
-    }
-  }
-  state.SetBytesProcessed(state.iterations() * 2 * int64_t{kBlobBytes});
+  if (proxy) RunEchoBlobs(state, *proxy);
 }
 BENCHMARK(BM_TavixEchoBlob8MiB)->UseRealTime()->Unit(benchmark::kMillisecond);
 

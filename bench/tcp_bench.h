@@ -194,11 +194,29 @@ class BenchProxy {
 
   explicit operator bool() const { return static_cast<bool>(m_proxy); }
   EchoPrx* operator->() const { return m_proxy.get(); }
+  EchoPrx& operator*() const { return *m_proxy; }
 
  private:
   const TcpEchoBench& m_bench;
   SmartPtr<EchoPrx> m_proxy;
 };
+
+// EchoBlob of kBlobBytes for as long as the state asks, two-way bytes
+// counted.
+inline void RunEchoBlobs(benchmark::State& state, EchoPrx& proxy) {
+  SmartPtr<ITavixBlob> blob = CreateTavixMemBlob();
+  std::vector<uint8_t> content(kBlobBytes, 0xC3);
+  blob->Write(content.data(), kBlobBytes, 0);
+  // A memory blob given as the result is refilled in memory.
+  SmartPtr<ITavixBlob> result = CreateTavixMemBlob();
+  for (auto _ : state) {
+    if (proxy.EchoBlob(blob, result) != 0 || result->Size() != static_cast<uint64_t>(kBlobBytes)) {
+      state.SkipWithError("EchoBlob failed");
+      return;
+    }
+  }
+  state.SetBytesProcessed(state.iterations() * 2 * int64_t{kBlobBytes});
+}
 
 // Plain loopback sockets moving `request` bytes one way and `reply` bytes
 // back per round trip. Either a pair of sockets whose far end is answered by

@@ -80,6 +80,7 @@ class Connected {
   Connected(const Connected&) = delete;
   Connected& operator=(const Connected&) = delete;
   EchoPrx* operator->() const { return m_proxy.get(); }
+  EchoPrx& operator*() const { return *m_proxy; }
   explicit operator bool() const { return static_cast<bool>(m_proxy); }
 
  private:
@@ -106,18 +107,7 @@ BENCHMARK(BM_Calls)->Arg(0)->Arg(1)->Threads(8)->Threads(64)->UseRealTime()->Min
 
 void BM_EchoBlob8MiB(benchmark::State& state) {
   const Connected proxy(state, static_cast<int>(state.range(0)));
-  if (!proxy) return;
-  SmartPtr<ITavixBlob> blob = CreateTavixMemBlob();
-  std::vector<uint8_t> content(kBlobBytes, 0xC3);
-  blob->Write(content.data(), kBlobBytes, 0);
-  SmartPtr<ITavixBlob> result = CreateTavixMemBlob();
-  for (auto _ : state) {
-    if (proxy->EchoBlob(blob, result) != 0 || result->Size() != static_cast<uint64_t>(kBlobBytes)) {
-      state.SkipWithError("EchoBlob failed");
-      return;
-    }
-  }
-  state.SetBytesProcessed(state.iterations() * 2 * int64_t{kBlobBytes});
+  if (proxy) RunEchoBlobs(state, *proxy);
 }
 BENCHMARK(BM_EchoBlob8MiB)->Arg(0)->Arg(1)->UseRealTime()->Unit(benchmark::kMillisecond);
 
